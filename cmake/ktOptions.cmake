@@ -1,0 +1,20 @@
+# Compile options shared by every target of the project, carried by one
+# interface target so that tests, tools and benchmarks build the same way.
+add_library(kt_options INTERFACE)
+target_compile_options(kt_options INTERFACE -Wall -Wextra)
+if(KT_WERROR)
+  target_compile_options(kt_options INTERFACE -Werror)
+endif()
+
+if(KT_SANITIZE AND KT_TSAN)
+  message(FATAL_ERROR "KT_SANITIZE and KT_TSAN cannot be combined")
+endif()
+if(KT_SANITIZE)
+  set(kt_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_compile_options(${kt_san})
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(KT_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()

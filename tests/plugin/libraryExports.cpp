@@ -1,0 +1,110 @@
+// The built liblx_ktImageExr64.so.1 as a separately built host meets it:
+// the names in its dynamic symbol table, and the exports reached through
+// dlopen/dlsym.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "plugin/pluginRecords.h"
+
+namespace {
+
+std::vector<std::string> dynamicSymbols(bool demangled)
+{
+    std::string command = std::string(KT_NM) + " -D --defined-only --format=posix " + (demangled ? "-C " : "") +
+                          "'" + KT_PLUGIN_PATH + "'";
+    std::vector<std::string> names;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return names;
+    char line[8192];
+    while (std::fgets(line, sizeof line, pipe)) {
+        std::string entry(line);
+        // posix format: "<name> <type> <value> [<size>]"; demangled names contain blanks,
+        // so cut at the last " <type> <hex>" group instead of the first blank.
+        static const std::regex tail(R"( [A-Za-z] [0-9a-f]+( [0-9a-f]+)?\s*$)");
+        std::smatch m;
+        if (std::regex_search(entry, m, tail)) names.push_back(entry.substr(0, m.position(0)));
+    }
+    pclose(pipe);
+    return names;
+}
+
+bool hasPrefix(const std::vector<std::string>& names, const std::string& prefix)
+{
+    for (const auto& n : names)
+        if (n.compare(0, prefix.size(), prefix) == 0) return true;
+    return false;
+}
+
+struct TemplateCapacities {
+    const char* name;
+    std::vector<int> capacities;
+};
+
+}  // namespace
+
+TEST(LibraryExports, PlugInEntryPointsUndecorated)
+{
+    const auto names = dynamicSymbols(false);
+    ASSERT_FALSE(names.empty()) << "nm printed nothing for " << KT_PLUGIN_PATH;
+    const std::set<std::string> all(names.begin(), names.end());
+    for (const char* required : {"imgInfo", "_Z9imgUnloadv", "gammaV"})
+        EXPECT_TRUE(all.count(required)) << "missing export " << required;
+}
+
+TEST(LibraryExports, EveryStringCapacityInstantiated)
+{
+    const auto names = dynamicSymbols(true);
+    const std::vector<TemplateCapacities> templates = {
+        {"_ktString8_allSize", {6, 7, 8, 10, 12, 14, 15, 16, 20, 25, 29, 30, 40, 50, 75, 100, 125, 150, 200, 250, 500,
+                                1000, 2000, 3000, 5000}},
+        {"_ktString", {10, 15, 25, 30, 48, 50, 75, 100, 125, 150, 200, 225, 250, 500, 1000, 2500}},
+    };
+    for (const auto& t : templates)
+        for (int n : t.capacities)
+            EXPECT_TRUE(hasPrefix(names, std::string(t.name) + "<" + std::to_string(n) + ">::"))
+                << t.name << "<" << n << "> has no exported member";
+}
+
+TEST(LibraryExports, NothingOfOpenExrOrTheStandardLibrary)
+{
+    for (const auto& n : dynamicSymbols(true)) {
+        EXPECT_EQ(n.find("Imf_"), std::string::npos) << n;
+        EXPECT_EQ(n.find("Imath_"), std::string::npos) << n;
+        EXPECT_EQ(n.find("Iex_"), std::string::npos) << n;
+        EXPECT_NE(n.rfind("std::", 0), 0u) << n;
+        EXPECT_NE(n.rfind("kt::", 0), 0u) << "internal helper exported: " << n;
+    }
+}
+
+TEST(LibraryExports, HostLoadsAndCallsImgInfo)
+{
+    void* library = dlopen(KT_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    using InfoFn = int (*)(imgPluginInfo*);
+    using UnloadFn = int (*)();
+    auto info = reinterpret_cast<InfoFn>(dlsym(library, "imgInfo"));
+    auto unload = reinterpret_cast<UnloadFn>(dlsym(library, "_Z9imgUnloadv"));
+    auto gamma = static_cast<const float*>(dlsym(library, "gammaV"));
+    ASSERT_NE(info, nullptr);
+    ASSERT_NE(unload, nullptr);
+    ASSERT_NE(gamma, nullptr);
+
+    std::uint32_t bits;
+    std::memcpy(&bits, gamma, 4);
+    EXPECT_EQ(bits, 0x3EE8BA2Eu);
+
+    imgPluginInfo record;
+    std::memset(static_cast<void*>(&record), 0, sizeof record);
+    record.interfaceVersion = 0xA004;
+    EXPECT_EQ(info(&record), 1);
+    EXPECT_EQ(record.name.length, 7);
+    EXPECT_EQ(unload(), 1);
+    dlclose(library);
+}
