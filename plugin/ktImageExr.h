@@ -12,6 +12,12 @@ extern "C" {
 extern float gammaV;
 
 int imgInfo(imgPluginInfo* info);
+
+// Reads the header of the file in call->fileBuffer into the imgImageInfo
+// record that call->imageInfo points at (size, alpha, depth, description)
+// and the render metadata into call->headerData. 16 asks the host to load
+// more of the file and call again.
+int imgLoadHeader(imgCallRecord* call);
 }
 
 // Called by the host before it releases the library; exported decorated.
