@@ -82,7 +82,7 @@ public:
     // Whether value + waitSeconds lies before now (the current time when now
     // is null). The second form restarts the wait from now once it is over.
     bool waitTimeIsOver(const long long& waitSeconds, const _ktTime* now = nullptr) const;
-    bool waitTimeIsOver(const long long& waitSeconds, const bool& restart, const _ktTime* now = nullptr);
+    bool waitTimeIsOver(const long long& waitSeconds, const bool& restart, const _ktTime* now);
     // Seconds still to wait (negative once over), clamped to 32 bits.
     int waitTimeDifference(const long long& waitSeconds, const _ktTime* now = nullptr) const;
 
