@@ -1,0 +1,241 @@
+// EXR files made in memory for tests, read back independently, put into file
+// buffers, and cut or damaged on purpose.
+//
+// Everything here goes through OpenEXR's own C++ API over plain vector-backed
+// streams, never through the plug-in's stream adapters, so that it can serve
+// as an oracle for them.
+//
+// Usage:
+//
+//     using namespace kt::test;
+//     ExrPart image;                                    // 16 x 12, RGBA half, ZIP, scan lines
+//     image.displayWindow = box(0, 0, 99, 99);
+//     image.dataWindow = box(10, 20, 59, 69);
+//     image.channels = channelList({"A", "B", "G", "R"}, Imf::FLOAT);
+//     image.channels.push_back({"Z", Imf::UINT});
+//     image.value = [](const std::string& c, int x, int y) { return c == "R" ? x / 100.0 : 0.5; };
+//     image.compression = Imf::PIZ_COMPRESSION;
+//     image.tiled = true;                               // 8 x 8 tiles unless set
+//     image.attribute("KT/jobID", std::string("JOB12"));
+//     image.attribute("owner.matrix", Imath::M44f());
+//     Bytes file = makeExr(image);
+//
+//     auto whole = fileBufferWith(file);                // the whole file, one spare byte
+//     auto head = fileBufferWith(file, 200);            // only the first 200 bytes loaded
+//     DecodedExr oracle = readExr(file);                // what OpenEXR itself reads
+//     double r = oracle.channel("R").at(10, 20);
+//     Bytes cut = truncated(file, offsetTableEnd(file) + 10);
+//
+// Pixel values: every channel sample comes from the channel's own `value`
+// function if set, else from the part's `value` (x and y are absolute pixel
+// coordinates, in level coordinates for the lower levels of mip- and
+// rip-mapped files). HALF stores half(float(v)), FLOAT float(v), UINT the
+// value truncated and clamped to [0, 2^32 - 1].
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <OpenEXR/ImfAttribute.h>
+#include <OpenEXR/ImfBoxAttribute.h>
+#include <OpenEXR/ImfCompression.h>
+#include <OpenEXR/ImfDoubleAttribute.h>
+#include <OpenEXR/ImfFloatAttribute.h>
+#include <OpenEXR/ImfFloatVectorAttribute.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfIO.h>
+#include <OpenEXR/ImfIntAttribute.h>
+#include <OpenEXR/ImfLineOrder.h>
+#include <OpenEXR/ImfMatrixAttribute.h>
+#include <OpenEXR/ImfPixelType.h>
+#include <OpenEXR/ImfStringAttribute.h>
+#include <OpenEXR/ImfStringVectorAttribute.h>
+#include <OpenEXR/ImfTileDescription.h>
+#include <OpenEXR/ImfVecAttribute.h>
+
+#include "image/fileBuffer.h"
+
+namespace kt::test {
+
+using Bytes = std::vector<char>;
+
+// The value of one sample: channel name and pixel coordinates.
+using SampleFunction = std::function<double(const std::string& channel, int x, int y)>;
+
+// The default pattern: k / 16 with k in 0..60 from the coordinates and the
+// channel name, so that every value is exact in half, float and differs
+// between neighbours and channels.
+double patternValue(const std::string& channel, int x, int y);
+
+// A function that gives every sample the same value.
+SampleFunction constantValue(double value);
+
+Imath::Box2i box(int minX, int minY, int maxX, int maxY);
+
+struct ExrChannel {
+    ExrChannel(std::string channelName, Imf::PixelType pixelType = Imf::HALF, int x = 1, int y = 1)
+        : name(std::move(channelName)), type(pixelType), xSampling(x), ySampling(y)
+    {
+    }
+
+    std::string name;
+    Imf::PixelType type = Imf::HALF;
+    int xSampling = 1;
+    int ySampling = 1;
+    bool pLinear = false;
+    std::function<double(int x, int y)> value;  // overrides the part's value when set
+};
+
+// Channels of one pixel type, named as given.
+std::vector<ExrChannel> channelList(std::initializer_list<std::string> names, Imf::PixelType type = Imf::HALF);
+
+// One image: a single-part file by itself, or one part of a multi-part file.
+struct ExrPart {
+    Imath::Box2i displayWindow = box(0, 0, 15, 11);
+    std::optional<Imath::Box2i> dataWindow;  // the display window when unset
+    std::vector<ExrChannel> channels = channelList({"A", "B", "G", "R"});
+    SampleFunction value = patternValue;
+    Imf::Compression compression = Imf::ZIP_COMPRESSION;
+    Imf::LineOrder lineOrder = Imf::INCREASING_Y;
+    float pixelAspectRatio = 1.0f;
+
+    bool tiled = false;
+    int tileWidth = 8;
+    int tileHeight = 8;
+    Imf::LevelMode levelMode = Imf::ONE_LEVEL;
+    Imf::LevelRoundingMode roundingMode = Imf::ROUND_DOWN;
+
+    // Deep data when set: the number of samples of each pixel, every sample
+    // of a pixel holding the pixel's value. Deep parts cannot be subsampled.
+    std::function<int(int x, int y)> deepSamples;
+
+    // Multi-part files only; "part<index>" when empty.
+    std::string name;
+
+    // Extra header attributes, in insertion order (a later one of the same
+    // name replaces the earlier one).
+    std::vector<std::pair<std::string, std::shared_ptr<Imf::Attribute>>> attributes;
+
+    // How much pixel data is written: scan lines for scan-line parts, tiles of
+    // level 0 in row order for tiled parts; negative writes everything. Fewer
+    // leaves an incomplete file (zeros in its offset table).
+    int writeLimit = -1;
+
+    template <class T>
+    ExrPart& attribute(const std::string& attributeName, const T& attributeValue)
+    {
+        attributes.emplace_back(attributeName, std::make_shared<Imf::TypedAttribute<T>>(attributeValue));
+        return *this;
+    }
+    // Any attribute, copied (an Imf::OpaqueAttribute for an unknown type, say).
+    ExrPart& attribute(const std::string& attributeName, const Imf::Attribute& attributeValue);
+
+    Imath::Box2i window() const { return dataWindow.value_or(displayWindow); }
+    // The header as written, without the multi-part name and type.
+    Imf::Header header() const;
+};
+
+// The bytes of a single-part file.
+Bytes makeExr(const ExrPart& part);
+// The bytes of a multi-part file, one part per entry.
+Bytes makeMultiPartExr(const std::vector<ExrPart>& parts);
+// Writes a single-part file into any stream (a plug-in adapter, say).
+void writeExr(Imf::OStream& out, const ExrPart& part);
+
+// What OpenEXR reads from a file, all samples widened to double. Deep parts
+// keep the first sample of each pixel (0 for pixels without samples).
+struct DecodedChannel {
+    std::string name;
+    Imf::PixelType type = Imf::HALF;
+    int xSampling = 1;
+    int ySampling = 1;
+    Imath::Box2i window;         // the data window
+    std::vector<double> values;  // one per sample, rows top to bottom
+
+    // The sample at pixel (x, y), which must lie on the sampling grid.
+    double at(int x, int y) const;
+};
+
+struct DecodedExr {
+    Imf::Header header;
+    int parts = 1;
+    int version = 0;        // the version field, flags included
+    bool complete = false;  // OpenEXR's own completeness test
+    std::vector<DecodedChannel> channels;  // in the file's channel order
+
+    const DecodedChannel& channel(const std::string& name) const;  // throws std::out_of_range
+    bool hasChannel(const std::string& name) const;
+};
+
+// Reads part `part` of a file: header, then every pixel (level 0 for tiled
+// files). Throws what OpenEXR throws. With pixels false only the header,
+// version and completeness are taken.
+DecodedExr readExr(const Bytes& file, int part = 0, bool pixels = true);
+// The same through any input stream (a plug-in adapter, say).
+DecodedExr readExr(Imf::IStream& in, int part = 0, bool pixels = true);
+
+// File buffers as the host hands them over.
+constexpr long long kWhole = -1;
+// A buffer holding the first `sizeLoaded` bytes of `file` (all of it by
+// default), with fileSize saying how long the whole file is (its length by
+// default). The capacity defaults to one byte more than the larger of the
+// two lengths, since the last byte of a buffer never holds data.
+std::unique_ptr<ktP::_imgFileBuffer> fileBufferWith(const Bytes& file, long long sizeLoaded = kWhole,
+                                                    long long fileSize = kWhole, long long capacity = kWhole);
+// An empty buffer to encode into.
+std::unique_ptr<ktP::_imgFileBuffer> emptyFileBuffer(unsigned int capacity);
+// The valid data of a buffer: its first sizeLoaded bytes.
+Bytes contentOf(const ktP::_imgFileBuffer& buffer);
+
+// Cutting and damaging files.
+Bytes truncated(const Bytes& file, std::size_t length);
+Bytes patched(const Bytes& file, std::size_t offset, std::initializer_list<unsigned char> bytes);
+Bytes withByteXor(const Bytes& file, std::size_t offset, unsigned char mask = 0xFF);
+// The first offset at or after `from` where `needle` occurs; npos if none.
+std::size_t findBytes(const Bytes& file, const std::string& needle, std::size_t from = 0);
+// Where the header(s) end, just after the terminating zero(s): the start of
+// the offset table(s).
+std::size_t headerEnd(const Bytes& file);
+// The number of chunks of a part, as its offset table lists them.
+int chunkCount(const Bytes& file, int part = 0);
+// Where the offset tables end and the first chunk begins.
+std::size_t offsetTableEnd(const Bytes& file);
+// The stored offsets of a part's chunks (single-part files).
+std::vector<std::uint64_t> chunkOffsets(const Bytes& file);
+
+// A growing in-memory output stream.
+class MemoryOStream : public Imf::OStream {
+public:
+    MemoryOStream();
+    void write(const char src[], int n) override;
+    uint64_t tellp() override;
+    void seekp(uint64_t pos) override;
+    const Bytes& bytes() const { return data; }
+
+private:
+    Bytes data;
+    std::size_t position = 0;
+};
+
+// An in-memory input stream that copies (not memory-mapped); throws
+// Iex::InputExc at the end of the data.
+class MemoryIStream : public Imf::IStream {
+public:
+    explicit MemoryIStream(const Bytes& bytes);
+    bool read(char dst[], int n) override;
+    uint64_t tellg() override;
+    void seekg(uint64_t pos) override;
+
+private:
+    const Bytes& data;
+    std::size_t position = 0;
+};
+
+}  // namespace kt::test
