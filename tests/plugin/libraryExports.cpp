@@ -65,6 +65,9 @@ TEST(LibraryExports, EveryStringCapacityInstantiated)
         {"_ktString8_allSize", {6, 7, 8, 10, 12, 14, 15, 16, 20, 25, 29, 30, 40, 50, 75, 100, 125, 150, 200, 250, 500,
                                 1000, 2000, 3000, 5000}},
         {"_ktString", {10, 15, 25, 30, 48, 50, 75, 100, 125, 150, 200, 225, 250, 500, 1000, 2500}},
+        {"_ktString8_evenSize_old", {6, 8, 10, 12, 14, 20, 30, 40, 50, 100, 150, 200, 250, 500, 1000, 3000, 5000}},
+        {"_ktString8_UnevenSize_old", {7, 15, 25, 75, 125}},
+        {"_ktString_old", {10, 15, 25, 30, 48, 50, 75, 100, 125, 150, 200, 225, 250, 500, 1000, 2500}},
     };
     for (const auto& t : templates)
         for (int n : t.capacities)
