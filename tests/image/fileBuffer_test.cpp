@@ -2,10 +2,14 @@
 // written out by hand; the machine is taken to be little-endian (checked).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <string>
 #include <memory>
+#include <ostream>
 #include <vector>
 
 #include "image/fileBuffer.h"
@@ -43,7 +47,79 @@ struct Fields {
                bufPosition == o.bufPosition;
     }
 };
+std::ostream& operator<<(std::ostream& os, const Fields& f)
+{
+    return os << "{capacity " << f.bufferSize << ", loaded " << f.sizeLoaded << ", file " << f.fileSize << ", cursor "
+              << f.bufPosition << "}";
+}
 Fields fields(const _imgFileBuffer& b) { return {b.bufferSize, b.sizeLoaded, b.fileSize, b.bufPosition}; }
+
+// One read operation of either family, run at `pos` (sequential ones from a
+// cursor placed there). `bits` carries the out-value's bytes, zero-extended:
+// in, the value it starts with; out, the value it ends with.
+struct ReadOp {
+    const char* name;
+    int width;
+    int size;  // of the out-value
+    bool positional;
+    std::function<bool(_imgFileBuffer&, int pos, bool bigEndian, std::uint64_t& bits)> run;
+};
+
+template <class T, class Call>
+ReadOp op(const char* name, int width, bool positional, Call call)
+{
+    return {name, width, static_cast<int>(sizeof(T)), positional, [=](_imgFileBuffer& b, int pos, bool big, std::uint64_t& bits) {
+                if (!positional) b.setBufPosition(pos);
+                T value;
+                std::memcpy(&value, &bits, sizeof value);
+                const bool ok = call(b, value, pos, big);
+                bits = 0;
+                std::memcpy(&bits, &value, sizeof value);
+                return ok;
+            }};
+}
+
+// Each operation with the bytes 01 02 03 ... read in the buffer's own order and in the other.
+struct OrderedRead {
+    ReadOp read;
+    std::uint64_t own, other;
+};
+
+const OrderedRead kReads[] = {
+    {op<unsigned char>("readUint8", 1, false, [](auto& b, auto& v, int, bool) { return b.readUint8(v); }), 0x01, 0x01},
+    {op<signed char>("readSint8", 1, false, [](auto& b, auto& v, int, bool) { return b.readSint8(v); }), 0x01, 0x01},
+    {op<unsigned short>("readUint16", 2, false, [](auto& b, auto& v, int, bool e) { return b.readUint16(v, e); }),
+     0x0201, 0x0102},
+    {op<short>("readSint16", 2, false, [](auto& b, auto& v, int, bool e) { return b.readSint16(v, e); }), 0x0201,
+     0x0102},
+    // The buffer's own order keeps the fourth byte on top; the other order drops it.
+    {op<unsigned>("readUint24", 3, false, [](auto& b, auto& v, int, bool e) { return b.readUint24(v, e); }),
+     0x04030201, 0x010203},
+    {op<unsigned>("readUint32", 4, false, [](auto& b, auto& v, int, bool e) { return b.readUint32(v, e); }),
+     0x04030201, 0x01020304},
+    {op<int>("readSint32", 4, false, [](auto& b, auto& v, int, bool e) { return b.readSint32(v, e); }), 0x04030201,
+     0x01020304},
+    {op<float>("readfloat", 4, false, [](auto& b, auto& v, int, bool e) { return b.readfloat(v, e); }), 0x04030201,
+     0x01020304},
+    {op<double>("readdouble", 8, false, [](auto& b, auto& v, int, bool) { return b.readdouble(v); }),
+     0x0807060504030201, 0x0807060504030201},
+    {op<unsigned char>("readUint8P", 1, true, [](auto& b, auto& v, int p, bool) { return b.readUint8P(v, p); }), 0x01,
+     0x01},
+    {op<signed char>("readSint8P", 1, true, [](auto& b, auto& v, int p, bool) { return b.readSint8P(v, p); }), 0x01,
+     0x01},
+    {op<unsigned short>("readUint16P", 2, true, [](auto& b, auto& v, int p, bool e) { return b.readUint16P(v, p, e); }),
+     0x0201, 0x0102},
+    {op<short>("readSint16P", 2, true, [](auto& b, auto& v, int p, bool e) { return b.readSint16P(v, p, e); }), 0x0201,
+     0x0102},
+    {op<unsigned>("readUint32P", 4, true, [](auto& b, auto& v, int p, bool e) { return b.readUint32P(v, p, e); }),
+     0x04030201, 0x01020304},
+    {op<int>("readSint32P", 4, true, [](auto& b, auto& v, int p, bool e) { return b.readSint32P(v, p, e); }),
+     0x04030201, 0x01020304},
+    {op<float>("readfloatP", 4, true, [](auto& b, auto& v, int p, bool e) { return b.readfloatP(v, p, e); }),
+     0x04030201, 0x01020304},
+    {op<double>("readdoubleP", 8, true, [](auto& b, auto& v, int p, bool) { return b.readdoubleP(v, p); }),
+     0x0807060504030201, 0x0807060504030201},
+};
 
 class FileBufferBytes : public ::testing::Test {
 protected:
@@ -174,100 +250,6 @@ TEST(FileBuffer, SequentialReadsStopAtSizeLoaded)
     EXPECT_EQ(b->bufPosition, 10);
 }
 
-TEST(FileBuffer, FailedReadsOneShortOfTheEndChangeNothing)
-{
-    // Each read of width w starts at sizeLoaded - w + 1.
-    auto b = holding(Bytes(16, 0x22));
-    auto at = [&](int width) {
-        b->setBufPosition(16 - width + 1);
-        return fields(*b);
-    };
-    {
-        Fields f = at(8);
-        double v = 1.5;
-        EXPECT_FALSE(b->readdouble(v));
-        EXPECT_EQ(v, 1.5);
-        EXPECT_EQ(fields(*b), f);
-    }
-    {
-        Fields f = at(4);
-        float v = 2.5f;
-        int s = -7;
-        unsigned u = 77;
-        EXPECT_FALSE(b->readfloat(v, true));
-        EXPECT_FALSE(b->readSint32(s, false));
-        EXPECT_FALSE(b->readUint32(u, true));
-        EXPECT_EQ(v, 2.5f);
-        EXPECT_EQ(s, -7);
-        EXPECT_EQ(u, 77u);
-        EXPECT_EQ(fields(*b), f);
-    }
-    {
-        Fields f = at(3);
-        unsigned v = 5;
-        EXPECT_FALSE(b->readUint24(v, false));
-        EXPECT_EQ(v, 5u);
-        EXPECT_EQ(fields(*b), f);
-    }
-    {
-        Fields f = at(2);
-        short s = -9;
-        EXPECT_FALSE(b->readSint16(s, true));
-        EXPECT_EQ(s, -9);
-        EXPECT_EQ(fields(*b), f);
-    }
-    {
-        Fields f = at(1);
-        signed char s = -1;
-        EXPECT_FALSE(b->readSint8(s));
-        EXPECT_EQ(s, -1);
-        EXPECT_EQ(fields(*b), f);
-    }
-}
-
-TEST_F(FileBufferBytes, ReadsInBothByteOrders)
-{
-    auto b = holding({0x01, 0x02, 0x03, 0x04, 0xFE, 0xFF, 0x00, 0x00, 0x80, 0x3F, 0x80, 0xFF, 0xFF, 0xFF});
-    unsigned short u16 = 0;
-    short s16 = 0;
-    unsigned u32 = 0;
-    int s32 = 0;
-    float f = 0;
-    signed char s8 = 0;
-    EXPECT_TRUE(b->readUint16(u16, false));
-    EXPECT_EQ(u16, 0x0201);
-    b->setBufPosition(0);
-    EXPECT_TRUE(b->readUint16(u16, true));
-    EXPECT_EQ(u16, 0x0102);
-    EXPECT_TRUE(b->readUint32(u32, false));
-    EXPECT_EQ(u32, 0xFFFE0403u);
-    b->setBufPosition(0);
-    EXPECT_TRUE(b->readUint32(u32, true));
-    EXPECT_EQ(u32, 0x01020304u);
-    EXPECT_TRUE(b->readSint16(s16, false));
-    EXPECT_EQ(s16, -2);  // FE FF
-    b->setBufPosition(4);
-    EXPECT_TRUE(b->readSint16(s16, true));
-    EXPECT_EQ(s16, -257);  // FE FF as FEFF
-    EXPECT_TRUE(b->readfloat(f, false));
-    EXPECT_EQ(f, 1.0f);  // 00 00 80 3F
-    b->setBufPosition(8);
-    EXPECT_TRUE(b->readfloat(f, true));
-    unsigned fb = 0;
-    std::memcpy(&fb, &f, 4);
-    EXPECT_EQ(fb, 0x803F80FFu);
-    b->setBufPosition(10);
-    EXPECT_TRUE(b->readSint32(s32, false));
-    EXPECT_EQ(s32, -128);  // 80 FF FF FF
-    b->setBufPosition(10);
-    EXPECT_TRUE(b->readSint32(s32, true));
-    EXPECT_EQ(s32, static_cast<int>(0x80FFFFFFu));
-    b->setBufPosition(8);
-    EXPECT_TRUE(b->readSint8(s8));
-    EXPECT_EQ(s8, -128);
-    EXPECT_EQ(b->bufPosition, 9);
-}
-
 TEST_F(FileBufferBytes, BufferOrderFollowsIsBigEndianNotTheArgumentAlone)
 {
     auto b = holding({0x01, 0x02, 0x03, 0x04});
@@ -280,17 +262,11 @@ TEST_F(FileBufferBytes, BufferOrderFollowsIsBigEndianNotTheArgumentAlone)
     EXPECT_EQ(u32, 0x01020304u);
 }
 
-TEST_F(FileBufferBytes, DoublesAreMachineOrder)
+TEST_F(FileBufferBytes, DoublesAreWrittenInMachineOrder)
 {
-    const Bytes one = {0, 0, 0, 0, 0, 0, 0xF0, 0x3F};
-    auto b = holding(one);
-    double d = 0;
-    EXPECT_TRUE(b->readdouble(d));
-    EXPECT_EQ(d, 1.0);
-    EXPECT_FALSE(b->readdouble(d));
     _imgFileBuffer out(20);
     EXPECT_TRUE(out.writedouble(1.0));
-    EXPECT_EQ(written(out), one);
+    EXPECT_EQ(written(out), (Bytes{0, 0, 0, 0, 0, 0, 0xF0, 0x3F}));
 }
 
 TEST_F(FileBufferBytes, WritesInBothByteOrders)
@@ -448,78 +424,54 @@ TEST(FileBuffer, BlockWritesAndReads)
     EXPECT_EQ(b.bufPosition, 4);
 }
 
-TEST_F(FileBufferBytes, PositionReadsLeaveTheCursor)
+TEST_F(FileBufferBytes, EveryReadInBothByteOrders)
 {
-    Bytes data = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE, 0x00, 0x00};
-    auto b = holding(data);
-    b->setBufPosition(3);
-    unsigned short u16 = 0;
-    short s16 = 0;
-    unsigned u32 = 0;
-    int s32 = 0;
-    unsigned char u8 = 0;
-    signed char s8 = 0;
-    EXPECT_TRUE(b->readUint16P(u16, 6, false));
-    EXPECT_EQ(u16, 0xFEDC);
-    EXPECT_TRUE(b->readUint16P(u16, 6, true));
-    EXPECT_EQ(u16, 0xDCFE);
-    EXPECT_TRUE(b->readSint16P(s16, 6, false));
-    EXPECT_EQ(s16, static_cast<short>(0xFEDC));
-    EXPECT_TRUE(b->readUint32P(u32, 1, true));
-    EXPECT_EQ(u32, 0x32547698u);
-    EXPECT_TRUE(b->readSint32P(s32, 4, false));
-    EXPECT_EQ(s32, static_cast<int>(0xFEDCBA98u));
-    EXPECT_TRUE(b->readUint8P(u8, 9));
-    EXPECT_EQ(u8, 0);
-    EXPECT_TRUE(b->readSint8P(s8, 7));
-    EXPECT_EQ(s8, -2);
-    EXPECT_EQ(b->bufPosition, 3);
+    for (const OrderedRead& r : kReads) {
+        for (bool big : {false, true}) {
+            auto b = holding({0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09});
+            b->setBufPosition(5);
+            std::uint64_t bits = 0;
+            EXPECT_TRUE(r.read.run(*b, 0, big, bits)) << r.read.name;
+            EXPECT_EQ(bits, big ? r.other : r.own) << r.read.name << " bigEndian " << big;
+            EXPECT_EQ(b->bufPosition, r.read.positional ? 5 : r.read.width) << r.read.name;
+        }
+    }
+}
 
+TEST(FileBuffer, EveryReadStopsAtTheLoadedData)
+{
+    const std::uint64_t marker = 0xA5A5A5A5A5A5A5A5u;
+    for (const OrderedRead& r : kReads) {
+        const ReadOp& read = r.read;
+        auto b = holding(Bytes(16, 0x22), 4);
+        std::uint64_t bits = marker;
+        EXPECT_TRUE(read.run(*b, 16 - read.width, false, bits)) << read.name;
+        EXPECT_EQ(b->bufPosition, read.positional ? 0 : 16) << read.name;
+
+        const int past = 16 - read.width + 1;
+        bits = marker;
+        EXPECT_FALSE(read.run(*b, past, true, bits)) << read.name;
+        EXPECT_EQ(fields(*b), (Fields{20, 16, 16, read.positional ? 0 : past})) << read.name;
+        // The out-value is left alone, except by the sequential 16-bit read, which zeroes it.
+        const std::uint64_t mask = read.size == 8 ? ~0ull : (1ull << (8 * read.size)) - 1;
+        EXPECT_EQ(bits, std::string(read.name) == "readUint16" ? 0 : marker & mask) << read.name;
+    }
+}
+
+TEST(FileBuffer, PositionBlockReads)
+{
+    auto b = holding({0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE, 0x00, 0x00});
+    b->setBufPosition(3);
     unsigned char dst[4] = {};
     EXPECT_TRUE(b->readBufferP(dst, 4, 6));
     EXPECT_EQ((Bytes{dst, dst + 4}), (Bytes{0xDC, 0xFE, 0, 0}));
+    EXPECT_TRUE(b->readBufferP(dst, 0, 10));
     EXPECT_FALSE(b->readBufferP(nullptr, 4, 6));
     EXPECT_FALSE(b->readBufferP(dst, 4, -1));
+    EXPECT_FALSE(b->readBufferP(dst, -1, 2));
     EXPECT_EQ(b->bufPosition, 3);
     b->setSizeLoaded(9);
     EXPECT_FALSE(b->readBufferP(dst, 4, 6));
-}
-
-TEST(FileBuffer, PositionReadsOnePastTheEndLeaveValuesAlone)
-{
-    auto b = holding(Bytes(12, 0x33));
-    unsigned short u16 = 0xBEEF;
-    short s16 = -5;
-    unsigned u32 = 5;
-    int s32 = -6;
-    float f = 0.25f;
-    double d = 0.5;
-    unsigned char u8 = 1;
-    signed char s8 = -1;
-    EXPECT_FALSE(b->readUint16P(u16, 11, true));
-    EXPECT_FALSE(b->readSint16P(s16, 11, false));
-    EXPECT_FALSE(b->readUint32P(u32, 9, false));
-    EXPECT_FALSE(b->readSint32P(s32, 9, true));
-    EXPECT_FALSE(b->readfloatP(f, 9, false));
-    EXPECT_FALSE(b->readdoubleP(d, 5));
-    EXPECT_FALSE(b->readUint8P(u8, 12));
-    EXPECT_FALSE(b->readSint8P(s8, 12));
-    EXPECT_EQ(u16, 0xBEEF);  // unlike the sequential readUint16
-    EXPECT_EQ(s16, -5);
-    EXPECT_EQ(u32, 5u);
-    EXPECT_EQ(s32, -6);
-    EXPECT_EQ(f, 0.25f);
-    EXPECT_EQ(d, 0.5);
-    EXPECT_EQ(u8, 1);
-    EXPECT_EQ(s8, -1);
-    // One byte earlier each of them fits.
-    EXPECT_TRUE(b->readUint16P(u16, 10, true));
-    EXPECT_TRUE(b->readUint32P(u32, 8, false));
-    EXPECT_TRUE(b->readfloatP(f, 8, false));
-    EXPECT_TRUE(b->readdoubleP(d, 4));
-    EXPECT_TRUE(b->readUint8P(u8, 11));
-    EXPECT_EQ(u32, 0x33333333u);
-    EXPECT_EQ(b->bufPosition, 0);
 }
 
 TEST(PluginBuffer, ReadsTheRecordRawFromTheCursor)

@@ -203,6 +203,15 @@ struct Layout {
     bool lossless;
 };
 
+std::string layoutName(const ::testing::TestParamInfo<Layout>& info)
+{
+    static const char* const compressions[] = {"None", "Rle", "Zips", "Zip",  "Piz",
+                                               "Pxr24", "B44", "B44a", "Dwaa", "Dwab"};
+    static const char* const orders[] = {"IncreasingY", "DecreasingY", "RandomY"};
+    const Layout& l = info.param;
+    return std::string(l.tiled ? "Tiled" : "ScanLine") + compressions[l.compression] + orders[l.order];
+}
+
 class ExrThroughAdapters : public ::testing::TestWithParam<Layout> {};
 
 TEST_P(ExrThroughAdapters, RoundTripMatchesOpenExrInMemory)
@@ -268,7 +277,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Layout{true, Imf::NO_COMPRESSION, Imf::RANDOM_Y, true},
                       Layout{true, Imf::ZIP_COMPRESSION, Imf::INCREASING_Y, true},
                       Layout{true, Imf::PIZ_COMPRESSION, Imf::DECREASING_Y, true},
-                      Layout{true, Imf::DWAA_COMPRESSION, Imf::INCREASING_Y, false}));
+                      Layout{true, Imf::DWAA_COMPRESSION, Imf::INCREASING_Y, false}),
+    layoutName);
 
 TEST(ExrThroughAdapter, SubsampledChannelsAndMipmapsRoundTrip)
 {
