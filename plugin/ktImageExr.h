@@ -18,6 +18,16 @@ int imgInfo(imgPluginInfo* info);
 // and the render metadata into call->headerData. 16 asks the host to load
 // more of the file and call again.
 int imgLoadHeader(imgCallRecord* call);
+
+// Write the RGBA buffer that call->imageInfo points at (8-bit, 16-bit or
+// float) as a half-float RGBA EXR file, cropped to its occupied region,
+// into call->fileBuffer, with the render metadata of call->headerData and
+// the job settings of call->jobSettings. 1 on success; 4 when the output
+// file cannot be created or does not fit the file buffer (" ERR: File
+// buffer too small!" appended to infoText); 6 for any other failure.
+int imgEncode8(imgCallRecord* call);
+int imgEncode16(imgCallRecord* call);
+int imgEncodef(imgCallRecord* call);
 }
 
 // Called by the host before it releases the library; exported decorated.
