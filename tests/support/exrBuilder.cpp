@@ -21,6 +21,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace kt::test {
@@ -568,6 +571,33 @@ std::vector<std::uint64_t> chunkOffsets(const Bytes& file)
         offsets.push_back(readUint32(file, at) | (static_cast<std::uint64_t>(readUint32(file, at + 4)) << 32));
     }
     return offsets;
+}
+
+std::string corpusDirectory()
+{
+    std::error_code ec;
+    return std::filesystem::is_directory(KT_CORPUS_DIR, ec) ? std::string(KT_CORPUS_DIR) : std::string();
+}
+
+std::vector<std::string> corpusFiles(const std::string& folder)
+{
+    std::vector<std::string> files;
+    const std::string root = corpusDirectory();
+    std::error_code ec;
+    if (root.empty() || !std::filesystem::is_directory(root + "/" + folder, ec)) return files;
+    for (const auto& entry : std::filesystem::directory_iterator(root + "/" + folder, ec))
+        if (entry.is_regular_file() && entry.path().extension() == ".exr") files.push_back(entry.path().string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+Bytes readFileBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot open " + path);
+    Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad()) throw std::runtime_error("cannot read " + path);
+    return bytes;
 }
 
 MemoryOStream::MemoryOStream() : Imf::OStream("memory") {}

@@ -210,6 +210,15 @@ std::size_t offsetTableEnd(const Bytes& file);
 // The stored offsets of a part's chunks (single-part files).
 std::vector<std::uint64_t> chunkOffsets(const Bytes& file);
 
+// The real-world EXR corpus beside the checkout: its folder, or "" when it
+// is absent (tests then skip, saying so).
+std::string corpusDirectory();
+// The .exr files of one corpus folder ("ScanLines", "Damaged", ...), sorted
+// by name; empty when the folder is absent.
+std::vector<std::string> corpusFiles(const std::string& folder);
+// A whole file from disk; throws std::runtime_error when it cannot be read.
+Bytes readFileBytes(const std::string& path);
+
 // A growing in-memory output stream.
 class MemoryOStream : public Imf::OStream {
 public:
