@@ -26,6 +26,11 @@
 //     double r = oracle.channel("R").at(10, 20);
 //     Bytes cut = truncated(file, offsetTableEnd(file) + 10);
 //
+//     auto out = emptyFileBuffer(1 << 20);              // encode through a plug-in adapter
+//     { _imgFileBufferStreamOut stream(out.get()); writeExr(stream, image); }
+//     _imgFileBufferStream in(whole.get());             // and read through the other one
+//     DecodedExr viaAdapter = readExr(in);
+//
 // Pixel values: every channel sample comes from the channel's own `value`
 // function if set, else from the part's `value` (x and y are absolute pixel
 // coordinates, in level coordinates for the lower levels of mip- and
@@ -113,7 +118,9 @@ struct ExrPart {
     Imf::LevelRoundingMode roundingMode = Imf::ROUND_DOWN;
 
     // Deep data when set: the number of samples of each pixel, every sample
-    // of a pixel holding the pixel's value. Deep parts cannot be subsampled.
+    // of a pixel holding the pixel's value. Scan-line parts only (a tiled
+    // deep part throws std::invalid_argument); no subsampling; compression
+    // NO, RLE, ZIPS or ZIP.
     std::function<int(int x, int y)> deepSamples;
 
     // Multi-part files only; "part<index>" when empty.
