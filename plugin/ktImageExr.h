@@ -28,6 +28,17 @@ int imgLoadHeader(imgCallRecord* call);
 int imgEncode8(imgCallRecord* call);
 int imgEncode16(imgCallRecord* call);
 int imgEncodef(imgCallRecord* call);
+
+// Decode the file in call->fileBuffer into the RGBA buffer object that
+// call->imageInfo points at (8-bit, 16-bit or float channels): the channels
+// named R, G, B and A placed relative to the display window, red, green and
+// blue raised to gammaV when bit 0 of the buffer's pixelFlags is set.
+// 1 success; 4 not an EXR file; 6 any other failure before the pixels are
+// read; 7 a chosen channel of an unknown pixel type; 14 the pixel data is
+// damaged or incomplete.
+int imgDecode8(imgCallRecord* call);
+int imgDecode16(imgCallRecord* call);
+int imgDecodef(imgCallRecord* call);
 }
 
 // Called by the host before it releases the library; exported decorated.
