@@ -211,14 +211,6 @@ TYPED_TEST(PixelSuperWhite, MatchesHandWorkedPixels)
     }
 }
 
-TEST(Rgba8, ReadAsLittleEndianWordRedIsTheLowByte)
-{
-    const _Rgba8 p{0x01, 0x02, 0x03, 0xFE};
-    std::uint32_t word;
-    std::memcpy(&word, &p, sizeof word);
-    EXPECT_EQ(word, 0xFE030201u);
-}
-
 TEST(Rgba8, MakeDarkClampsTheFactorAndKeepsAlpha)
 {
     struct Case {
