@@ -121,6 +121,8 @@ bool startsWithName(const char* text, const char* name)
 
 // --- construction --------------------------------------------------------
 
+_ktTime::_ktTime() : value(0) {}
+
 _ktTime::_ktTime(bool setNow) : value(setNow ? currentSeconds() : 0) {}
 
 _ktTime::_ktTime(long long seconds, bool isUTC) : value(seconds)

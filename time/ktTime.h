@@ -26,7 +26,7 @@ public:
     // the whole process and written without a lock.
     static int ktTime_Start_OffSet;
 
-    _ktTime() : value(0) {}
+    _ktTime();  // no time (0)
     explicit _ktTime(bool setNow);
     // A local count (isUTC false) has the offset subtracted. These two only
     // settle the offset when it holds 99; while it holds -1 a local count
