@@ -1,7 +1,8 @@
-// The legacy string templates: member definitions and every capacity.
+// The two legacy 8-bit string templates: member definitions and every
+// capacity. The 16-bit legacy template is built in
+// ktStringInstancesLegacy16.cpp.
 #include "strings/ktStringLegacy.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "strings/ktStringAlgorithms.h"
@@ -27,37 +28,6 @@ void _ktString8_evenSize_old<N>::clear() { txt::clearAll(txt::spanOf(*this)); }
 template <int N>
 void _ktString8_UnevenSize_old<N>::clear() { std::memset(static_cast<void*>(this), 0, sizeof *this); }
 
-// ---- the 16-bit layout ---------------------------------------------------------
-
-#define KT_STRING16 _ktString_old
-#include "strings/ktString16Common.inc"
-#undef KT_STRING16
-
-template <int N>
-void _ktString_old<N>::clear() { txt::clearAll(txt::spanOf(*this)); }
-
-// Null leaves the string entirely unchanged.
-template <int N>
-_ktString_old<N>& _ktString_old<N>::operator=(char const* source)
-{
-    if (!source) return *this;
-    length = 0;
-    txt::appendWidened(txt::spanOf(*this), txt::textView(source), false);
-    return *this;
-}
-
-template <int N>
-bool _ktString_old<N>::startsWith(char const& c) const
-{
-    return length > 0 && text[0] == static_cast<unsigned short>(c);
-}
-
-template <int N>
-_ktString_old<N>::operator _ktString8_allSize<250>() const { return narrowed<250>(*this); }
-
-template <int N>
-_ktString_old<N>::operator _ktString8_allSize<500>() const { return narrowed<500>(*this); }
-
 // ---- every capacity ------------------------------------------------------------
 
 #define KT_INSTANTIATE(N) template struct _ktString8_evenSize_old<N>;
@@ -65,7 +35,4 @@ KT_STRING8_EVEN_OLD_CAPACITIES(KT_INSTANTIATE)
 #undef KT_INSTANTIATE
 #define KT_INSTANTIATE(N) template struct _ktString8_UnevenSize_old<N>;
 KT_STRING8_UNEVEN_OLD_CAPACITIES(KT_INSTANTIATE)
-#undef KT_INSTANTIATE
-#define KT_INSTANTIATE(N) template struct _ktString_old<N>;
-KT_STRING16_OLD_CAPACITIES(KT_INSTANTIATE)
 #undef KT_INSTANTIATE
