@@ -192,6 +192,7 @@ struct _ktString {
     // Found at position 0 the result is inverted: empty with the delimiter
     // included, the one unit without.
     _ktString left(unsigned short const& delimiter, bool const& includeDelimiter) const;
+    // `count` units from `start`; both are kept within the text.
     _ktString mid(int const& start, int const& count) const;
     _ktString_Uni_pointer* asUni() { return reinterpret_cast<_ktString_Uni_pointer*>(this); }
     _ktString_Uni_pointer const* asUni() const { return reinterpret_cast<_ktString_Uni_pointer const*>(this); }

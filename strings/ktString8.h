@@ -199,6 +199,7 @@ struct _ktString8_allSize {
     // Up to the first delimiter. Found at position 0 the result is inverted:
     // empty with the delimiter included, the one character without.
     _ktString8_allSize left(char const& delimiter, bool const& includeDelimiter) const;
+    // `count` characters from `start`; both are kept within the text.
     _ktString8_allSize mid(int const& start, int const& count) const;
     char* asChar() { return text; }
     char const* asChar() const { return text; }

@@ -81,6 +81,21 @@ TEST(String16Widening, ConstructorsSignedAssignmentAndAppendsUnsigned)
     for (int i = 0; i < 5; ++i) EXPECT_EQ(s.text[i], 0x00E9) << i;
 }
 
+TYPED_TEST(String16, StdStringAssignmentCutsAtCapacity)
+{
+    using S = TypeParam;
+    constexpr int n = capacity<S>;
+    S s;
+    s = std::string("a\0b", 3);
+    ASSERT_EQ(s.length, 3);
+    EXPECT_EQ(s.text[1], 0);
+    EXPECT_EQ(s.text[2], 'b');
+    const std::string longer(static_cast<size_t>(n) + 2, 'm');
+    s = longer;
+    EXPECT_EQ(str(s), longer.substr(0, n));
+    EXPECT_TRUE(terminated(s));
+}
+
 TEST(String16Narrowing, LongerThanTheTargetKeepsItsLength)
 {
     _ktString<500> s;
