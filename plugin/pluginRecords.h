@@ -93,9 +93,18 @@ static_assert(offsetof(imgImageInfo, descIndex) == 524);
 static_assert(sizeof(imgImageInfo) == 528);
 
 // The encoders' job settings. The host fills this record and passes it in
-// imgCallRecord::jobSettings; the plug-in only reads it.
+// imgCallRecord::jobSettings; the plug-in only reads it, and an encode
+// without one runs as if every field were 0.
+//
+// appName is only ever tested by prefix, ignoring case (an empty name
+// matches nothing):
+//   "ktClient..."             the file gets the client-name attribute
+//                             ("KT/clientname"; "clientname" from imgEncodef)
+//   "ktExrCropRegion..." or   with verbose set, the crop region is printed
+//   "ktAssembleTiles..."      on standard output
+//   "ktExrCropRegion_UNDO..." imgEncodef writes the whole image uncropped
 struct imgJobSettings {
-    unsigned char verbose;        // non-zero: the encoders report the crop region on stdout
+    unsigned char verbose;        // non-zero: console messages for the programs above
     unsigned char reserved;       // 0
     _ktString<50> appName;        // name of the calling host program, tested by prefix
     char clientName[256];         // NUL-terminated; a text without NUL is read up to 255 bytes
