@@ -54,7 +54,7 @@ TEST(LibraryExports, PlugInEntryPointsUndecorated)
     const auto names = dynamicSymbols(false);
     ASSERT_FALSE(names.empty()) << "nm printed nothing for " << KT_PLUGIN_PATH;
     const std::set<std::string> all(names.begin(), names.end());
-    for (const char* required : {"imgInfo", "_Z9imgUnloadv", "gammaV"})
+    for (const char* required : {"imgInfo", "imgLoadHeader", "_Z9imgUnloadv", "gammaV"})
         EXPECT_TRUE(all.count(required)) << "missing export " << required;
 }
 
@@ -78,7 +78,11 @@ TEST(LibraryExports, EveryStringCapacityInstantiated)
 TEST(LibraryExports, NothingOfOpenExrOrTheStandardLibrary)
 {
     for (const auto& n : dynamicSymbols(true)) {
-        EXPECT_EQ(n.find("Imf_"), std::string::npos) << n;
+        // The metadata functions take an OpenEXR header by the host's contract.
+        const bool takesHeader = n.rfind("headerGetData(", 0) == 0 || n.rfind("headerInsertData(", 0) == 0;
+        if (!takesHeader) {
+            EXPECT_EQ(n.find("Imf_"), std::string::npos) << n;
+        }
         EXPECT_EQ(n.find("Imath_"), std::string::npos) << n;
         EXPECT_EQ(n.find("Iex_"), std::string::npos) << n;
         EXPECT_NE(n.rfind("std::", 0), 0u) << n;

@@ -1,0 +1,254 @@
+// imgLoadHeader: the host's first look at an EXR file in its file buffer.
+#include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfRgbaFile.h>
+#include <OpenEXR/ImfStringAttribute.h>
+#include <OpenEXR/ImfThreading.h>
+#include <OpenEXR/ImfVersion.h>
+
+#include <Iex.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include <unistd.h>
+
+#include "image/fileBuffer.h"
+#include "plugin/exrHeaderLoader.h"
+#include "plugin/exrMetadata.h"
+#include "plugin/fileBufferStream.h"
+#include "plugin/ktImageExr.h"
+
+namespace {
+
+// Scan lines per chunk of each compression; 1 for values OpenEXR will refuse anyway.
+std::uint64_t linesPerChunk(Imf::Compression compression)
+{
+    switch (compression) {
+    case Imf::ZIP_COMPRESSION:
+    case Imf::PXR24_COMPRESSION: return 16;
+    case Imf::PIZ_COMPRESSION:
+    case Imf::B44_COMPRESSION:
+    case Imf::B44A_COMPRESSION:
+    case Imf::DWAA_COMPRESSION: return 32;
+    case Imf::DWAB_COMPRESSION: return 256;
+    default: return 1;
+    }
+}
+
+// The fewest chunks an image of this header can have: its stated chunk count,
+// or the level-0 tiles, or the scan-line chunks of its data window.
+std::uint64_t fewestChunks(const Imf::Header& header)
+{
+    const Imath::Box2i& window = header.dataWindow();
+    const long long width = static_cast<long long>(window.max.x) - window.min.x + 1;
+    const long long height = static_cast<long long>(window.max.y) - window.min.y + 1;
+    std::uint64_t chunks = 0;
+    if (width > 0 && height > 0) {
+        if (header.hasTileDescription()) {
+            const Imf::TileDescription& tiles = header.tileDescription();
+            if (tiles.xSize > 0 && tiles.ySize > 0)
+                chunks = ((width + tiles.xSize - 1) / tiles.xSize) * ((height + tiles.ySize - 1) / tiles.ySize);
+        } else {
+            const std::uint64_t lines = linesPerChunk(header.compression());
+            chunks = (static_cast<std::uint64_t>(height) + lines - 1) / lines;
+        }
+    }
+    if (header.hasChunkCount() && header.chunkCount() > 0)
+        chunks = std::max<std::uint64_t>(chunks, static_cast<std::uint64_t>(header.chunkCount()));
+    return chunks;
+}
+
+// The machine's memory in bytes; no allocation beyond it can succeed.
+std::uint64_t physicalMemory()
+{
+    const long pages = sysconf(_SC_PHYS_PAGES);
+    const long pageSize = sysconf(_SC_PAGE_SIZE);
+    if (pages <= 0 || pageSize <= 0) return UINT64_MAX;
+    return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
+}
+
+// Opening a luminance/chroma file, RgbaInputFile sets up conversion buffers
+// of a few hundred bytes per pixel of the data window's width at once.
+bool chromaBuffersFit(const Imf::Header& header)
+{
+    const Imf::ChannelList& channels = header.channels();
+    if (!channels.findChannel("RY") && !channels.findChannel("BY")) return true;
+    const Imath::Box2i& window = header.dataWindow();
+    const long long width = static_cast<long long>(window.max.x) - window.min.x + 1;
+    constexpr std::uint64_t bytesPerPixel = 512;
+    return width <= 0 || static_cast<std::uint64_t>(width) <= physicalMemory() / bytesPerPixel;
+}
+
+// The version field's flag for files of several parts.
+constexpr int multiPartFlag = 0x1000;
+// The channel list is shown up to this many characters, then "...".
+constexpr int channelListShown = 100;
+
+const char* compressionText(Imf::Compression compression)
+{
+    switch (static_cast<int>(compression)) {
+    case 0: return " uncompr. ";
+    case 1: return " RLE";
+    case 2: return " Zip-1line";
+    case 3: return " Zip-16line";
+    case 4: return " Wavelet";
+    case 5: return " lossy float";
+    case 6: return " lossy 4-by-4 static";
+    case 7: return " lossy 4-by-4 variable";
+    case 8: return " DWA32";
+    case 9: return " DWA256";
+    default: return " unknown compr.";
+    }
+}
+
+// A channel name as the description shows it: all lower case but the first character.
+_ktString8_allSize<500> shownChannelName(const char* name)
+{
+    _ktString8_allSize<500> shown(name);
+    shown.makeLower();
+    if (shown.length > 0) shown.text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(shown.text[0])));
+    return shown;
+}
+
+// Steps after a successful opening: description, metadata and size. Returns the status.
+int describe(Imf::RgbaInputFile& input, imgImageInfo& info, ktExrHeaderData& metadata)
+{
+    Imf::Header header;
+    try {
+        header = input.header();
+    } catch (...) {
+        info.infoText.add(" ERR: File is not an EXR file!");
+        return imgStatusCannotHandle;
+    }
+
+    _ktString8_allSize<500> channelList;
+    bool haveFirst = false;
+    Imf::PixelType firstType = Imf::HALF;
+    for (auto it = header.channels().begin(); it != header.channels().end(); ++it) {
+        if (!haveFirst) {
+            firstType = it.channel().type;
+            haveFirst = true;
+        }
+        channelList.add(shownChannelName(it.name()));
+        channelList.add(" ");
+    }
+
+    if (haveFirst) {
+        info.bitsPerChannel = 32;
+        if (firstType == Imf::UINT) {
+            info.infoText.add(" ERR: 32bit Int not supported!");
+            return imgStatusCannotHandle;
+        }
+        info.infoText.add(firstType == Imf::HALF ? " Half" : " Float");
+    }
+
+    info.infoText.add(compressionText(header.compression()));
+    if (header.compression() == Imf::NO_COMPRESSION) info.uncompressed = 1;
+    info.infoText.add(header.hasTileDescription() ? " tiled" : " scanline");
+    if (input.version() & multiPartFlag) info.infoText.add(" multipart");
+
+    info.infoText.add(" '");
+    info.hasAlpha = header.channels().findChannel("A") ? 1 : 0;
+    // The lower-casing above spoils the packed names; put their capitals back.
+    channelList.replace(_ktString8_allSize<500>("Packedrgba"), _ktString8_allSize<500>("PackedRGBA"));
+    channelList.replace(_ktString8_allSize<500>("Packedrgb"), _ktString8_allSize<500>("PackedRGB"));
+    if (channelList.length > channelListShown) {
+        channelList.setLength(channelListShown);
+        channelList.add("...");
+    }
+    info.infoText.add(channelList.asChar());
+    info.infoText.add("'");
+
+    for (const char* name : {"KT/jobID", "KT/clientname", "KT/scenename"}) {
+        const auto* attribute = header.findTypedAttribute<Imf::StringAttribute>(name);
+        if (!attribute) continue;
+        info.infoText.add(" ");
+        _ktString8_allSize<75> value;
+        value = attribute->value();
+        info.infoText.add(value.asChar());
+    }
+
+    std::memset(static_cast<void*>(&metadata), 0, sizeof metadata);
+    metadata.magic = ktExrHeaderMagic;
+    metadata.count = 0;
+    bool unused = false;
+    headerGetData(header, metadata, unused);
+
+    // Computed wide: a window spanning the whole int range must not overflow.
+    const Imath::Box2i& window = input.displayWindow();
+    info.imageWidth = static_cast<std::int32_t>(static_cast<long long>(window.max.x) - window.min.x + 1);
+    info.imageHeight = static_cast<std::int32_t>(static_cast<long long>(window.max.y) - window.min.y + 1);
+
+    if (input.isComplete()) return imgStatusOk;
+    info.infoText.add(" ERR: file not completed!");
+    return imgStatusBrokenFile;
+}
+
+// The file could not be opened: a short buffer asks for more, a whole file is bad.
+int openingFailed(const ktP::_imgFileBuffer& file, imgImageInfo& info)
+{
+    const auto loaded = static_cast<std::uint32_t>(file.sizeLoaded);
+    if (loaded >= file.fileSize) {
+        info.infoText.add(" ERR: unable to init exr file!");
+        return imgStatusBrokenFile;
+    }
+    info.infoText.remove(_ktString<250>("File size smaller than requested"));
+    info.infoText.add(" ERR: File buffer too small!");
+    return imgStatusBufferTooShort;
+}
+
+}  // namespace
+
+void kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
+{
+    _imgFileBufferStream stream(&file);
+    unsigned char head[8];
+    stream.read(reinterpret_cast<char*>(head), sizeof head);
+    auto littleEndian = [&head](int at) {
+        return static_cast<int>(std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
+                                std::uint32_t{head[at + 2]} << 16 | std::uint32_t{head[at + 3]} << 24);
+    };
+    const int version = littleEndian(4);
+    if (littleEndian(0) != Imf::MAGIC) throw Iex::InputExc("not an EXR file");
+
+    // Each offset takes 8 bytes; a sum beyond the file means a damaged header.
+    const std::uint64_t room = static_cast<std::uint64_t>(std::max({file.fileSize, file.sizeLoaded, 0LL}));
+    std::uint64_t tableBytes = 0;
+    int headerVersion = version;
+    do {
+        Imf::Header header;
+        header.readFrom(stream, headerVersion);
+        if (header.readsNothing()) break;
+        const std::uint64_t chunks = fewestChunks(header);
+        if (chunks > room / 8 || tableBytes + chunks * 8 > room)
+            throw Iex::InputExc("chunk offset tables larger than the file");
+        tableBytes += chunks * 8;
+        if (!chromaBuffersFit(header)) throw Iex::InputExc("image too wide for the machine's memory");
+    } while (Imf::isMultiPart(version));
+}
+
+extern "C" int imgLoadHeader(imgCallRecord* call)
+{
+    if (!call || !call->fileBuffer || !call->imageInfo || !call->headerData) return imgStatusLibraryFailure;
+    auto& info = *static_cast<imgImageInfo*>(call->imageInfo);
+    try {
+        info.infoText = "Exr ";
+        // Declared first so that the input file, which reads through it, goes first.
+        _imgFileBufferStream stream(call->fileBuffer);
+        std::unique_ptr<Imf::RgbaInputFile> input;
+        try {
+            kt::exrCheckBeforeOpening(*call->fileBuffer);
+            stream.seekg(0);
+            input = std::make_unique<Imf::RgbaInputFile>(stream, Imf::globalThreadCount());
+        } catch (...) {
+            return openingFailed(*call->fileBuffer, info);
+        }
+        return describe(*input, info, *call->headerData);
+    } catch (...) {
+        return imgStatusLibraryFailure;
+    }
+}
