@@ -54,7 +54,8 @@ TEST(LibraryExports, PlugInEntryPointsUndecorated)
     const auto names = dynamicSymbols(false);
     ASSERT_FALSE(names.empty()) << "nm printed nothing for " << KT_PLUGIN_PATH;
     const std::set<std::string> all(names.begin(), names.end());
-    for (const char* required : {"imgInfo", "imgLoadHeader", "imgEncode8", "imgEncode16", "imgEncodef", "_Z9imgUnloadv", "gammaV"})
+    for (const char* required : {"imgInfo", "imgLoadHeader", "imgEncode8", "imgEncode16", "imgEncodef",
+                                 "imgDecode8", "imgDecode16", "imgDecodef", "_Z9imgUnloadv", "gammaV"})
         EXPECT_TRUE(all.count(required)) << "missing export " << required;
 }
 
