@@ -1,69 +1,115 @@
 // ktexr: the render-farm user's EXR tool, a host of the OpenEXR plug-in.
-#include <cstdio>
-#include <cstring>
-#include <exception>
-#include <string>
+// It loads liblx_ktImageExr64.so.1 as the render-management host does and
+// reads and writes pixels through the plug-in's exports only.
+#include <OpenEXR/ImfThreading.h>
 
-#include "pluginLibrary.h"
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <memory>
+#include <thread>
+
+#include "commands.h"
+#include "fileIo.h"
 
 namespace {
 
-const char* kUsage =
-    "usage: ktexr [--plugin PATH] <command>\n"
-    "\n"
-    "commands:\n"
-    "  identity   load the plug-in as the host does and print who it is\n"
-    "  demo [DIR] run the built-in sample\n"
-    "\n"
-    "options:\n"
-    "  --plugin PATH   the plug-in library (default: beside ktexr)\n"
-    "  -h, --help      this text\n";
+using namespace ktexr;
 
-int printIdentity(const ktexr::PluginLibrary& plugin)
-{
-    imgPluginInfo record;
-    int status = plugin.info(record);
-    std::printf("plug-in     %s\n", plugin.path().c_str());
-    std::printf("name        %s\n", ktexr::narrow(record.name).c_str());
-    std::printf("version    %s\n", ktexr::narrow(record.version).c_str());
-    std::printf("author      %s\n", ktexr::narrow(record.author).c_str());
-    std::printf("patterns    %s\n", ktexr::narrow(record.filePatterns).c_str());
-    std::printf("interface   0x%04X (status %d: %s)\n", record.interfaceVersion, status,
-                ktexr::statusMeaning(status));
-    return status == imgStatusOk ? 0 : 1;
-}
+const char* kDescription =
+    "ktexr - inspect, preview, write, crop and assemble EXR files through the OpenEXR image plug-in\n"
+    "(liblx_ktImageExr64.so.1), loaded the way the render-management host loads it.";
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    installSignalCleanup();
+
+    CLI::App app(kDescription, "ktexr");
+    app.footer(exitStatusTable());
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.set_help_all_flag("--help-all", "help on every subcommand");
+
     std::string pluginPath;
-    std::string command;
-    for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "-h") || !std::strcmp(argv[i], "--help")) {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (!std::strcmp(argv[i], "--plugin") && i + 1 < argc) {
-            pluginPath = argv[++i];
-        } else if (command.empty()) {
-            command = argv[i];
-        } else if (command != "demo") {
-            std::fprintf(stderr, "ktexr: unexpected argument '%s'\n%s", argv[i], kUsage);
-            return 2;
-        }
-    }
-    if (command.empty()) {
-        std::fputs(kUsage, stderr);
-        return 2;
-    }
+    int threads = -1;
+    app.add_option("--plugin", pluginPath, "the plug-in library (default: beside ktexr, else in its build tree)");
+    app.add_option("--threads", threads, "OpenEXR worker threads the plug-in may use (default: one per core)")
+        ->check(CLI::Range(0, 256));
+
+    InfoOptions info;
+    auto* infoCmd = app.add_subcommand("info", "the plug-in's description, size, alpha, depth and metadata of each file");
+    infoCmd->add_option("files", info.files, "EXR files")->required();
+    infoCmd->add_flag("--json", info.json, "print one JSON document (schema \"ktexr-info\", version 1)");
+    infoCmd->add_option("--head", info.headBytes, "bytes loaded before the first header call (default 65536)")
+        ->check(CLI::Range(1ull, kWholeFile));
+
+    DecodeOptions decodeOpts;
+    auto* decodeCmd = app.add_subcommand("decode", "decode an EXR file to an RGBA PNG, or to a PFM with --depth float");
+    decodeCmd->add_option("file", decodeOpts.input, "EXR file")->required();
+    decodeCmd->add_option("-o,--output", decodeOpts.output, "OUT.png (8 or 16 bits) or OUT.pfm (float)")->required();
+    decodeCmd->add_option("--depth", decodeOpts.depth, "8, 16 or float (default 8)")
+        ->check(CLI::IsMember({"8", "16", "float"}));
+    decodeCmd->add_flag("--gamma", decodeOpts.gamma, "apply the display gamma (colour to the power of the exponent)");
+    decodeCmd->add_option("--gamma-exponent", decodeOpts.gammaExponent,
+                          "the exponent, instead of the plug-in's 1/2.2; implies --gamma");
+    decodeCmd->add_option("--alpha", decodeOpts.alphaOutput,
+                          "with --depth float: write alpha to this grey PFM (otherwise alpha is dropped)");
+
+    EncodeOptions encodeOpts;
+    auto* encodeCmd = app.add_subcommand("encode", "write an 8- or 16-bit PNG as an EXR file with render metadata");
+    encodeCmd->add_option("file", encodeOpts.input, "PNG file")->required();
+    encodeCmd->add_option("-o,--output", encodeOpts.output, "OUT.exr")->required();
+    encodeCmd->add_option("--client", encodeOpts.client, "client name (KT/clientname)");
+    encodeCmd->add_option("--scene", encodeOpts.scene, "scene name (KT/scenename)");
+    encodeCmd->add_option("--job", encodeOpts.job, "job ID (KT/jobID)");
+    encodeCmd->add_option("--attr", encodeOpts.attributes, "NAME=VALUE: a further string attribute (repeatable)");
+
+    CropOptions crop;
+    auto* cropCmd = app.add_subcommand("crop", "the crop-region job: cut each file's data window to what it shows");
+    cropCmd->add_option("files", crop.files, "EXR files")->required();
+    auto* cropOut = cropCmd->add_option("-o,--output", crop.output, "write the result here (one input file)");
+    cropCmd->add_flag("--in-place", crop.inPlace, "replace each file, only once its new version is complete")
+        ->excludes(cropOut);
+    cropCmd->add_flag("--undo", crop.undo, "write the whole frame again (undo a crop)");
+    cropCmd->add_flag("--verbose", crop.verbose, "let the plug-in report the region, and more");
+
+    AssembleOptions assemble;
+    auto* assembleCmd = app.add_subcommand("assemble", "the tile-assembly job: region tiles into one frame");
+    assembleCmd->add_option("-o,--output", assemble.output, "OUT.exr");
+    assembleCmd->add_option("tiles", assemble.tiles, "tile files, each with the frame as display window")->required();
+    assembleCmd->add_flag("--check", assemble.checkOnly, "only check that the tiles fit together");
+    assembleCmd->add_flag("--allow-gaps", assemble.allowGaps, "accept pixels of the frame no tile covers");
+    assembleCmd->add_flag("--verbose", assemble.verbose, "show every tile's window and the plug-in's region report");
+
+    DemoOptions demo;
+    auto* demoCmd = app.add_subcommand("demo", "the built-in sample: tiles, assembly, crop, info and a preview");
+    demoCmd->add_option("directory", demo.directory, "where the files go (default ktexr-demo)");
+
+    app.add_subcommand("identity", "load the plug-in as the host does and print who it is");
+
     try {
-        ktexr::PluginLibrary plugin(pluginPath.empty() ? ktexr::PluginLibrary::locate(argv[0]) : pluginPath);
-        if (command == "identity" || command == "demo") return printIdentity(plugin);
-        std::fprintf(stderr, "ktexr: unknown command '%s'\n%s", command.c_str(), kUsage);
-        return 2;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "ktexr: %s\n", e.what());
-        return 3;
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        int code = app.exit(e);
+        return code == 0 ? exitOk : exitUsage;
     }
+
+    std::unique_ptr<PluginLibrary> plugin;
+    try {
+        plugin = std::make_unique<PluginLibrary>(pluginPath.empty() ? PluginLibrary::locate() : pluginPath);
+    } catch (const Failure& failure) {
+        return report(failure);
+    }
+    unsigned cores = std::thread::hardware_concurrency();
+    Imf::setGlobalThreadCount(threads >= 0 ? threads : static_cast<int>(cores > 1 ? cores : 0));
+
+    if (*infoCmd) return runInfo(*plugin, info);
+    if (*decodeCmd) return runDecode(*plugin, decodeOpts);
+    if (*encodeCmd) return runEncode(*plugin, encodeOpts);
+    if (*cropCmd) return runCrop(*plugin, crop);
+    if (*assembleCmd) return runAssemble(*plugin, assemble);
+    if (*demoCmd) return runDemo(*plugin, demo);
+    return runIdentity(*plugin);
 }

@@ -4,12 +4,21 @@
 #include <unistd.h>
 
 #include <climits>
-#include <stdexcept>
+#include <cstring>
+
+#include "exitStatus.h"
+
+#ifndef KTEXR_LIBDIR
+#define KTEXR_LIBDIR "lib"
+#endif
 
 namespace ktexr {
 
 namespace {
 constexpr const char* kLibraryName = "liblx_ktImageExr64.so.1";
+
+const char* const kCallNames[] = {"imgLoadHeader", "imgDecode8", "imgDecode16", "imgDecodef",
+                                  "imgEncode8",    "imgEncode16", "imgEncodef"};
 
 bool readable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
 
@@ -18,18 +27,36 @@ std::string directoryOf(const std::string& path)
     auto slash = path.rfind('/');
     return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
+
+std::string loaderError()
+{
+    const char* text = dlerror();
+    return text ? text : "unknown loader error";
+}
 }  // namespace
 
 PluginLibrary::PluginLibrary(const std::string& path) : path_(path)
 {
+    dlerror();
     handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle_) throw std::runtime_error("cannot load plug-in " + path + ": " + dlerror());
-    info_ = reinterpret_cast<int (*)(imgPluginInfo*)>(dlsym(handle_, "imgInfo"));
+    if (!handle_) throw Failure(exitPluginFailure, path, "cannot load the plug-in: " + loaderError());
+    auto info = reinterpret_cast<int (*)(imgPluginInfo*)>(dlsym(handle_, "imgInfo"));
+    if (!info) {
+        dlclose(handle_);
+        throw Failure(exitPluginFailure, path, "not an image plug-in (no imgInfo)");
+    }
     unload_ = reinterpret_cast<int (*)()>(dlsym(handle_, "_Z9imgUnloadv"));
     gamma_ = static_cast<float*>(dlsym(handle_, "gammaV"));
-    if (!info_) {
+    for (int i = 0; i < 7; ++i) calls_[i] = reinterpret_cast<int (*)(imgCallRecord*)>(dlsym(handle_, kCallNames[i]));
+
+    identity_.interfaceVersion = imgInterfaceVersion;
+    int status = info(&identity_);
+    if (status != imgStatusOk) {
+        if (unload_) unload_();
         dlclose(handle_);
-        throw std::runtime_error("not an image plug-in (no imgInfo): " + path);
+        throw Failure(exitPluginFailure, path,
+                      "the plug-in refuses this host (imgInfo status " + std::to_string(status) + ": " +
+                          pluginStatusMeaning(status) + ")");
     }
 }
 
@@ -39,29 +66,36 @@ PluginLibrary::~PluginLibrary()
     dlclose(handle_);
 }
 
-int PluginLibrary::info(imgPluginInfo& record) const
+int PluginLibrary::call(PluginCall which, imgCallRecord& record) const
 {
-    record.interfaceVersion = imgInterfaceVersion;
-    return info_(&record);
+    auto index = static_cast<int>(which);
+    if (!calls_[index])
+        throw Failure(exitPluginFailure, path_, std::string("the plug-in has no ") + kCallNames[index]);
+    return calls_[index](&record);
 }
 
-PluginLibrary::RecordCall PluginLibrary::entry(const char* name) const
+float PluginLibrary::gammaExponent() const { return gamma_ ? *gamma_ : 0.0f; }
+
+bool PluginLibrary::setGammaExponent(float exponent) const
 {
-    return reinterpret_cast<RecordCall>(dlsym(handle_, name));
+    if (!gamma_) return false;
+    *gamma_ = exponent;
+    return true;
 }
 
-std::string PluginLibrary::locate(const char* argv0)
+std::string PluginLibrary::locate()
 {
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    std::string here = n > 0 ? directoryOf(std::string(self, static_cast<size_t>(n))) : directoryOf(argv0);
-    for (const std::string& candidate : {here + "/" + kLibraryName, here + "/../" + kLibraryName,
-                                         here + "/../lib/" + kLibraryName})
+    if (n <= 0) return kLibraryName;
+    std::string here = directoryOf(std::string(self, static_cast<size_t>(n)));
+    for (const std::string& candidate :
+         {here + "/" + kLibraryName, here + "/../" + kLibraryName, here + "/../" KTEXR_LIBDIR "/" + kLibraryName})
         if (readable(candidate)) return candidate;
-    return kLibraryName;  // left to the dynamic loader's search path
+    return kLibraryName;
 }
 
-const char* statusMeaning(int status)
+const char* pluginStatusMeaning(int status)
 {
     switch (status) {
     case imgStatusOk: return "success";

@@ -1,5 +1,6 @@
 // The plug-in as the host sees it: a shared library opened with dlopen,
-// whose exports are found by name and called with host-owned records.
+// greeted with imgInfo, whose exports are found by name and called with
+// host-owned records.
 #pragma once
 
 #include <string>
@@ -8,41 +9,49 @@
 
 namespace ktexr {
 
+// The exports that take a call record.
+enum class PluginCall { loadHeader, decode8, decode16, decodef, encode8, encode16, encodef };
+
 class PluginLibrary {
 public:
-    using RecordCall = int (*)(imgCallRecord*);
-
-    // Opens the library at `path`; throws std::runtime_error naming the path
-    // and dlerror() when it cannot be loaded or lacks imgInfo.
+    // Opens the library at `path` and calls imgInfo with this host's
+    // interface version. Throws a Failure with exitPluginFailure naming the
+    // path when it cannot be loaded, lacks imgInfo or refuses the version.
     explicit PluginLibrary(const std::string& path);
+    // imgUnload, then dlclose.
     ~PluginLibrary();
     PluginLibrary(const PluginLibrary&) = delete;
     PluginLibrary& operator=(const PluginLibrary&) = delete;
 
     const std::string& path() const { return path_; }
+    // What imgInfo wrote when the library was opened.
+    const imgPluginInfo& identity() const { return identity_; }
 
-    // imgInfo with the host's interface version; the record is the caller's.
-    int info(imgPluginInfo& record) const;
+    // Calls one export with `record`; returns its status. An export the
+    // library lacks is a Failure with exitPluginFailure.
+    int call(PluginCall which, imgCallRecord& record) const;
 
-    // An export taking a call record, or null when the library lacks it.
-    RecordCall entry(const char* name) const;
-
-    float* gamma() const { return gamma_; }
+    // The decoders' gamma exponent (gammaV); 0 when the library lacks it.
+    float gammaExponent() const;
+    // Sets gammaV; false when the library lacks it.
+    bool setGammaExponent(float exponent) const;
 
     // Where the plug-in is looked for when no path is given: beside the
-    // running program, then in the build tree it came from.
-    static std::string locate(const char* argv0);
+    // running program, then the build tree and install tree it came from.
+    // The bare library name (for the loader's search path) when none exists.
+    static std::string locate();
 
 private:
     std::string path_;
     void* handle_ = nullptr;
-    int (*info_)(imgPluginInfo*) = nullptr;
+    imgPluginInfo identity_{};
     int (*unload_)() = nullptr;
     float* gamma_ = nullptr;
+    int (*calls_[7])(imgCallRecord*) = {};
 };
 
-// The text of a status code, for messages.
-const char* statusMeaning(int status);
+// The plug-in's name for its own status code, for messages.
+const char* pluginStatusMeaning(int status);
 
 // A 16-bit record text as 8-bit text (the plug-in stores plain ASCII).
 template <int N>
