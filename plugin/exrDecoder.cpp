@@ -9,6 +9,7 @@
 #include <OpenEXR/ImfThreading.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -363,20 +364,29 @@ void Transfer<Buffer, Pixel>::rows(std::int64_t from, std::int64_t to) const
 }
 
 // One range of rows as a task of OpenEXR's pool. Nothing after the base
-// can throw: a task counted by its group must run.
+// can throw: a task counted by its group must run. Each task counts itself
+// done with release order, so that the caller's acquiring read orders
+// everything the task did before whatever the caller does next, visibly to
+// tools that do not see into OpenEXR's own synchronisation.
 template <class Work>
 class RowsTask : public IlmThread::Task {
 public:
-    RowsTask(IlmThread::TaskGroup* group, const Work& work, std::int64_t from, std::int64_t to)
-        : IlmThread::Task(group), work(work), from(from), to(to)
+    RowsTask(IlmThread::TaskGroup* group, const Work& work, std::int64_t from, std::int64_t to,
+             std::atomic<int>& finished)
+        : IlmThread::Task(group), work(work), from(from), to(to), finished(finished)
     {
     }
-    void execute() override { work.rows(from, to); }
+    void execute() override
+    {
+        work.rows(from, to);
+        finished.fetch_add(1, std::memory_order_release);
+    }
 
 private:
     const Work& work;
     std::int64_t from;
     std::int64_t to;
+    std::atomic<int>& finished;
 };
 
 // Runs work.rows over [0, rowCount) in `parts` ranges: one on this thread,
@@ -388,17 +398,21 @@ void runRows(const Work& work, std::int64_t rowCount, int parts)
     parts = static_cast<int>(std::clamp<std::int64_t>(parts, 1, std::max<std::int64_t>(rowCount, 1)));
     auto bound = [&](int part) { return rowCount * part / parts; };
     int handedOut = 1;
+    std::atomic<int> finished{0};
+    bool ownPartDone = false;
     try {
-        IlmThread::TaskGroup group;
+        IlmThread::TaskGroup group;  // waits for its tasks as it goes
         for (; handedOut < parts; ++handedOut)
             IlmThread::ThreadPool::addGlobalTask(
-                new RowsTask<Work>(&group, work, bound(handedOut), bound(handedOut + 1)));
+                new RowsTask<Work>(&group, work, bound(handedOut), bound(handedOut + 1), finished));
         work.rows(bound(0), bound(1));
-        return;  // the group waits for its tasks as it goes
+        ownPartDone = true;
     } catch (...) {
     }
+    while (finished.load(std::memory_order_acquire) < handedOut - 1) {
+    }
     for (; handedOut < parts; ++handedOut) work.rows(bound(handedOut), bound(handedOut + 1));
-    work.rows(bound(0), bound(1));
+    if (!ownPartDone) work.rows(bound(0), bound(1));
 }
 
 // Sets the whole pixel memory to zero bytes.

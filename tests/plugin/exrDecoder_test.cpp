@@ -4,6 +4,8 @@
 // codes of broken files.
 #include <gtest/gtest.h>
 
+#include <OpenEXR/ImfThreading.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -193,6 +195,28 @@ TYPED_TEST(ExrDecoder, PlacesTheDataWindowRelativeToTheDisplayWindow)
         const bool sameSize = c.data.max.x - c.data.min.x + 1 == w && c.data.max.y - c.data.min.y + 1 == h;
         EXPECT_EQ(infoTextOf(*b), sameSize ? "Exr" : "Exr region") << c.what;
     }
+}
+
+TYPED_TEST(ExrDecoder, WorkerThreadsGiveTheSameImage)
+{
+    // Large enough for the rows to be shared among OpenEXR's workers.
+    ExrPart part;
+    part.displayWindow = box(0, 0, 639, 479);
+    part.dataWindow = box(-3, 5, 600, 470);
+    part.value = spread;
+    const Bytes file = makeExr(part);
+    const int saved = Imf::globalThreadCount();
+    for (const int threads : {2, 3}) {
+        Imf::setGlobalThreadCount(threads);
+        for (const bool on : {false, true}) {
+            auto b = hostBuffer<TypeParam>(640, 480, 640 * 480 + 5);
+            b->pixelFlags = on ? 1 : 0;
+            ASSERT_EQ(decodeInto<TypeParam>(file, *b), 1);
+            expectImage<TypeParam>(*b, expectedImage(readExr(file), kRgba, 640, 480, 640 * 480 + 5, on, gammaV),
+                                   std::to_string(threads) + " threads" + (on ? " gamma" : ""));
+        }
+    }
+    Imf::setGlobalThreadCount(saved);
 }
 
 TYPED_TEST(ExrDecoder, RegionSuffixStopsAtTheTextCapacity)
