@@ -17,6 +17,7 @@
 #include <type_traits>
 
 #include "image/rgbaBuffer.h"
+#include "plugin/exrHeaderLoader.h"
 #include "plugin/guardedFileBufferStream.h"
 #include "plugin/ktImageExr.h"
 
@@ -493,6 +494,9 @@ int decode(imgCallRecord* call)
     std::unique_ptr<Imf::Header> header;
     try {
         threads = Imf::globalThreadCount();
+        // A damaged header can make OpenEXR allocate by sizes it announces.
+        kt::exrCheckBeforeOpening(*call->fileBuffer);
+        stream.seekg(0);
         file = std::make_unique<Imf::InputFile>(stream, threads);
         header = std::make_unique<Imf::Header>(file->header());
     } catch (...) {

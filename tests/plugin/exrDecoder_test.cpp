@@ -420,6 +420,7 @@ TYPED_TEST(ExrDecoder, BrokenFilesGiveTheirCodesAndLeaveTheBufferCleared)
         {"alpha patched to FLOAT (control)", alphaOfType(good, 2), 1, false},
         {"subsampled channel not chosen", makeExr(subsampledUnused), 1, false},
         {"2^30 x 2^30", hugeWindowFile(1u << 30, 1u << 30, 16), 4, false},
+        {"2^24 lines, 16 offsets", hugeWindowFile(64, 1u << 24, 16), 4, false},
         {"2^28 x (2^11 + 1)", hugeWindowFile(1u << 28, (1u << 11) + 1, (1u << 11) + 1), 6, true},
     };
     for (const auto& c : cases) {
