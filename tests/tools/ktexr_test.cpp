@@ -751,9 +751,13 @@ TEST_F(Ktexr, DamagedCorpusFilesGetAStatusNeverACrash)
     ProgramRun info = ktexr(args);
     ASSERT_EQ(info.signal, 0);
     EXPECT_THAT(info.exitCode, testing::AnyOf(4, 5, 6)) << info.err;
-    EXPECT_EQ(nlohmann::json::parse(info.out)["files"].size(), files.size());
+    auto entries = nlohmann::json::parse(info.out)["files"];
+    ASSERT_EQ(entries.size(), files.size());
 
-    for (const std::string& f : files) {
+    // The pixels of those whose header passed (the others are refused before decoding).
+    for (const auto& entry : entries) {
+        if (entry["ok"] != true) continue;
+        const std::string f = entry["file"];
         ProgramRun r = ktexr({"decode", f, "-o", dir / "o.png"});
         EXPECT_EQ(r.signal, 0) << f;
         EXPECT_THAT(r.exitCode, testing::AnyOf(0, 4, 5, 6)) << f << "\n" << r.err;
