@@ -19,9 +19,7 @@
 #include <OpenEXR/ImfThreading.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -29,6 +27,7 @@
 #include <memory>
 #include <vector>
 
+#include "bench/benchCommon.h"
 #include "image/fileBuffer.h"
 #include "image/rgbaBuffer.h"
 #include "plugin/exrEncoder.h"
@@ -106,23 +105,6 @@ constexpr int kPairs = 9;
 
 // ---- images --------------------------------------------------------------------------
 
-// Smooth gradients with a little noise in every channel, alpha never zero:
-// every pixel occupied, and a realistic amount of work for ZIP.
-struct Pattern {
-    std::uint32_t state = 2463534242u;
-    float next()  // noise in [-1, 1)
-    {
-        state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-        return static_cast<float>(state >> 8) / 8388608.0f - 1.0f;
-    }
-    std::array<float, 4> at(int x, int y)
-    {
-        const float u = static_cast<float>(x) / kWidth, v = static_cast<float>(y) / kHeight;
-        return {u * 0.9f + 0.01f * next() + 0.05f, v * 0.8f + 0.01f * next() + 0.05f,
-                0.5f + 0.3f * u * v + 0.01f * next(), 0.75f + 0.2f * u};
-    }
-};
-
 template <class Buffer>
 std::unique_ptr<Buffer> makeImage(int width, int height)
 {
@@ -132,42 +114,37 @@ std::unique_ptr<Buffer> makeImage(int width, int height)
     return image;
 }
 
-std::unique_ptr<ktP::_imgRGBABuffer8> image8(int height)
+// The decode benchmark's picture in the buffer's depth; alpha is never 0,
+// so every pixel is occupied.
+template <class Buffer, class Quantise>
+std::unique_ptr<Buffer> imageOf(int height, Quantise quantise)
 {
-    auto image = makeImage<ktP::_imgRGBABuffer8>(kWidth, height);
-    Pattern p;
+    const kt::bench::SyntheticImage picture = kt::bench::syntheticImage(kWidth, height);
+    auto image = makeImage<Buffer>(kWidth, height);
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < kWidth; ++x) {
-            const auto c = p.at(x, y);
-            auto q = [](float f) { return static_cast<unsigned char>(std::clamp(f, 0.0f, 1.0f) * 255.0f + 0.5f); };
-            image->write(x, y, q(c[0]), q(c[1]), q(c[2]), q(c[3]));
+            const std::size_t i = static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x);
+            image->write(x, y, quantise(picture.planes[0][i]), quantise(picture.planes[1][i]), quantise(picture.planes[2][i]),
+                         quantise(picture.planes[3][i]));
         }
     return image;
+}
+
+std::unique_ptr<ktP::_imgRGBABuffer8> image8(int height)
+{
+    return imageOf<ktP::_imgRGBABuffer8>(
+        height, [](half h) { return static_cast<unsigned char>(std::clamp(float(h), 0.0f, 1.0f) * 255.0f + 0.5f); });
 }
 
 std::unique_ptr<ktP::_imgRGBABuffer16> image16(int height)
 {
-    auto image = makeImage<ktP::_imgRGBABuffer16>(kWidth, height);
-    Pattern p;
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            const auto c = p.at(x, y);
-            auto q = [](float f) { return static_cast<unsigned short>(std::clamp(f, 0.0f, 1.0f) * 65535.0f + 0.5f); };
-            image->write(x, y, q(c[0]), q(c[1]), q(c[2]), q(c[3]));
-        }
-    return image;
+    return imageOf<ktP::_imgRGBABuffer16>(
+        height, [](half h) { return static_cast<unsigned short>(std::clamp(float(h), 0.0f, 1.0f) * 65535.0f + 0.5f); });
 }
 
 std::unique_ptr<ktP::_imgRGBABufferf> imageF(int height)
 {
-    auto image = makeImage<ktP::_imgRGBABufferf>(kWidth, height);
-    Pattern p;
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            const auto c = p.at(x, y);
-            image->write(x, y, c[0] * 4.0f, c[1] * 4.0f, c[2], c[3]);
-        }
-    return image;
+    return imageOf<ktP::_imgRGBABufferf>(height, [](half h) { return float(h); });
 }
 
 struct Images {
@@ -279,20 +256,6 @@ void BM_CropSearch(benchmark::State& state, int which)
 
 // ---- paired measurements ----------------------------------------------------------------
 
-double seconds(const std::function<void()>& work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    const std::size_t n = v.size();
-    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2.0;
-}
-
 // One pixel in the centre, nothing else: the search reads every other pixel.
 template <class Buffer>
 double worstCropSeconds(std::unique_ptr<Buffer> image)
@@ -301,8 +264,8 @@ double worstCropSeconds(std::unique_ptr<Buffer> image)
     image->pixels[(std::size_t{kWidth} * (kHeight / 2) + kWidth / 2) * static_cast<std::size_t>(image->bytesPerPixel)] = 1;
     std::vector<double> t;
     kt::exr::CropBox box{};
-    for (int i = 0; i < kPairs; ++i) t.push_back(seconds([&] { benchmark::DoNotOptimize(kt::exr::findOccupiedBox(*image, box)); }));
-    return median(t);
+    for (int i = 0; i < kPairs; ++i) t.push_back(kt::bench::secondsOf([&] { benchmark::DoNotOptimize(kt::exr::findOccupiedBox(*image, box)); }));
+    return kt::bench::median(t);
 }
 
 void pairedRatios()
@@ -319,15 +282,15 @@ void pairedRatios()
         void* image = c.image();
         std::vector<double> plugin, exr, ratio, crop;
         for (int i = 0; i < kPairs; ++i) {
-            const double p = seconds([&] { encode(c.fn, image, *images().file); });
-            const double e = seconds([&] { writeWithOpenExr(c.halves(), *images().file); });
+            const double p = kt::bench::secondsOf([&] { encode(c.fn, image, *images().file); });
+            const double e = kt::bench::secondsOf([&] { writeWithOpenExr(c.halves(), *images().file); });
             kt::exr::CropBox box{};
-            crop.push_back(seconds([&] { benchmark::DoNotOptimize(c.crop(box)); }));
+            crop.push_back(kt::bench::secondsOf([&] { benchmark::DoNotOptimize(c.crop(box)); }));
             plugin.push_back(p), exr.push_back(e), ratio.push_back(p / e);
         }
-        const double mp = median(plugin);
-        std::printf("  %-12s %12.1f %12.1f %8.3f %12.4f %9.4f%% %11.2fms %9.2f%%\n", c.name, mp * 1e3, median(exr) * 1e3,
-                    median(ratio), median(crop) * 1e3, 100.0 * median(crop) / mp, worst[which] * 1e3,
+        const double mp = kt::bench::median(plugin);
+        std::printf("  %-12s %12.1f %12.1f %8.3f %12.4f %9.4f%% %11.2fms %9.2f%%\n", c.name, mp * 1e3, kt::bench::median(exr) * 1e3,
+                    kt::bench::median(ratio), kt::bench::median(crop) * 1e3, 100.0 * kt::bench::median(crop) / mp, worst[which] * 1e3,
                     100.0 * worst[which] / mp);
     }
 }
