@@ -73,7 +73,8 @@ ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
             auto colour = encodePfm(pixels->width, pixels->height, 3, values, 4, 0, row);
             if (!options.alphaOutput.empty()) {
                 auto alpha = encodePfm(pixels->width, pixels->height, 1, values, 4, 3, row);
-                // Both files or neither: the alpha map is put in place last.
+                // The alpha map is written and flushed before the colour map and put in
+                // place after it, so a failed write leaves neither file behind.
                 OutputFile alphaFile(options.alphaOutput);
                 alphaFile.write(alpha.data(), alpha.size());
                 alphaFile.finish();
