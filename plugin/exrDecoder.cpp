@@ -8,6 +8,8 @@
 #include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfThreading.h>
 
+#include <Iex.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -17,7 +19,7 @@
 #include <type_traits>
 
 #include "image/rgbaBuffer.h"
-#include "plugin/exrHeaderLoader.h"
+#include "plugin/exrPrecheck.h"
 #include "plugin/guardedFileBufferStream.h"
 #include "plugin/ktImageExr.h"
 
@@ -138,6 +140,9 @@ ChannelChoice fillSlots(const Imf::ChannelList& channels, const int (&number)[kR
             }
         }
         if (role == kRoleCount) continue;
+        // The frame buffer would refuse it (every slice has sampling 1): no plane of the window's size.
+        if (it.channel().xSampling != 1 || it.channel().ySampling != 1)
+            throw Iex::ArgExc("subsampled channel");
 
         const int index = choice.slotsUsed++;
         choice.slotOfRole[role] = index;
@@ -490,12 +495,15 @@ int decode(imgCallRecord* call)
 
     kt::_imgGuardedFileBufferStream stream(call->fileBuffer);
     int threads = 0;
+    bool dataFits = false;
     std::unique_ptr<Imf::InputFile> file;
     std::unique_ptr<Imf::Header> header;
     try {
         threads = Imf::globalThreadCount();
-        // A damaged header can make OpenEXR allocate by sizes it announces.
-        kt::exrCheckBeforeOpening(*call->fileBuffer);
+        // A damaged header can make OpenEXR allocate by sizes it announces,
+        // and a file too short for its pixels would be read into planes of
+        // its announced size.
+        dataFits = kt::exrCheckBeforeOpening(*call->fileBuffer).pixelDataFits();
         stream.seekg(0);
         file = std::make_unique<Imf::InputFile>(stream, threads);
         header = std::make_unique<Imf::Header>(file->header());
@@ -529,10 +537,13 @@ int decode(imgCallRecord* call)
         if (width <= 0 || height <= 0) throw std::bad_alloc();
 
         // Kept for the failure it can raise, never touched.
-        scratch.reset(newArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
+        if (dataFits) scratch.reset(newArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
 
         if (width != std::int64_t{out.width} || height != std::int64_t{out.height}) out.imageInfo.infoText += " region";
         clearOnFailure.buffer = &out;
+        // The file is too short for its pixels: as if reading them had failed,
+        // before planes of the announced size are made.
+        if (!dataFits) return imgStatusBrokenFile;
 
         slots.reset(newArray<_singleChannel>(kt::exrDecoderSlotCount));
         int number[kRoleCount];

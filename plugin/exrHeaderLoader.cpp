@@ -14,74 +14,13 @@
 #include <cstring>
 #include <memory>
 
-#include <unistd.h>
-
 #include "image/fileBuffer.h"
-#include "plugin/exrHeaderLoader.h"
 #include "plugin/exrMetadata.h"
+#include "plugin/exrPrecheck.h"
 #include "plugin/fileBufferStream.h"
 #include "plugin/ktImageExr.h"
 
 namespace {
-
-// Scan lines per chunk of each compression; 1 for values OpenEXR will refuse anyway.
-std::uint64_t linesPerChunk(Imf::Compression compression)
-{
-    switch (compression) {
-    case Imf::ZIP_COMPRESSION:
-    case Imf::PXR24_COMPRESSION: return 16;
-    case Imf::PIZ_COMPRESSION:
-    case Imf::B44_COMPRESSION:
-    case Imf::B44A_COMPRESSION:
-    case Imf::DWAA_COMPRESSION: return 32;
-    case Imf::DWAB_COMPRESSION: return 256;
-    default: return 1;
-    }
-}
-
-// The fewest chunks an image of this header can have: its stated chunk count,
-// or the level-0 tiles, or the scan-line chunks of its data window.
-std::uint64_t fewestChunks(const Imf::Header& header)
-{
-    const Imath::Box2i& window = header.dataWindow();
-    const long long width = static_cast<long long>(window.max.x) - window.min.x + 1;
-    const long long height = static_cast<long long>(window.max.y) - window.min.y + 1;
-    std::uint64_t chunks = 0;
-    if (width > 0 && height > 0) {
-        if (header.hasTileDescription()) {
-            const Imf::TileDescription& tiles = header.tileDescription();
-            if (tiles.xSize > 0 && tiles.ySize > 0)
-                chunks = ((width + tiles.xSize - 1) / tiles.xSize) * ((height + tiles.ySize - 1) / tiles.ySize);
-        } else {
-            const std::uint64_t lines = linesPerChunk(header.compression());
-            chunks = (static_cast<std::uint64_t>(height) + lines - 1) / lines;
-        }
-    }
-    if (header.hasChunkCount() && header.chunkCount() > 0)
-        chunks = std::max<std::uint64_t>(chunks, static_cast<std::uint64_t>(header.chunkCount()));
-    return chunks;
-}
-
-// The machine's memory in bytes; no allocation beyond it can succeed.
-std::uint64_t physicalMemory()
-{
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long pageSize = sysconf(_SC_PAGE_SIZE);
-    if (pages <= 0 || pageSize <= 0) return UINT64_MAX;
-    return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
-}
-
-// Opening a luminance/chroma file, RgbaInputFile sets up conversion buffers
-// of a few hundred bytes per pixel of the data window's width at once.
-bool chromaBuffersFit(const Imf::Header& header)
-{
-    const Imf::ChannelList& channels = header.channels();
-    if (!channels.findChannel("RY") && !channels.findChannel("BY")) return true;
-    const Imath::Box2i& window = header.dataWindow();
-    const long long width = static_cast<long long>(window.max.x) - window.min.x + 1;
-    constexpr std::uint64_t bytesPerPixel = 512;
-    return width <= 0 || static_cast<std::uint64_t>(width) <= physicalMemory() / bytesPerPixel;
-}
 
 // The version field's flag for files of several parts.
 constexpr int multiPartFlag = 0x1000;
@@ -202,34 +141,6 @@ int openingFailed(const ktP::_imgFileBuffer& file, imgImageInfo& info)
 }
 
 }  // namespace
-
-void kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
-{
-    _imgFileBufferStream stream(&file);
-    unsigned char head[8];
-    stream.read(reinterpret_cast<char*>(head), sizeof head);
-    auto littleEndian = [&head](int at) {
-        return static_cast<int>(std::uint32_t{head[at]} | std::uint32_t{head[at + 1]} << 8 |
-                                std::uint32_t{head[at + 2]} << 16 | std::uint32_t{head[at + 3]} << 24);
-    };
-    const int version = littleEndian(4);
-    if (littleEndian(0) != Imf::MAGIC) throw Iex::InputExc("not an EXR file");
-
-    // Each offset takes 8 bytes; a sum beyond the file means a damaged header.
-    const std::uint64_t room = static_cast<std::uint64_t>(std::max({file.fileSize, file.sizeLoaded, 0LL}));
-    std::uint64_t tableBytes = 0;
-    int headerVersion = version;
-    do {
-        Imf::Header header;
-        header.readFrom(stream, headerVersion);
-        if (header.readsNothing()) break;
-        const std::uint64_t chunks = fewestChunks(header);
-        if (chunks > room / 8 || tableBytes + chunks * 8 > room)
-            throw Iex::InputExc("chunk offset tables larger than the file");
-        tableBytes += chunks * 8;
-        if (!chromaBuffersFit(header)) throw Iex::InputExc("image too wide for the machine's memory");
-    } while (Imf::isMultiPart(version));
-}
 
 extern "C" int imgLoadHeader(imgCallRecord* call)
 {

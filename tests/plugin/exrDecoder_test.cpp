@@ -421,7 +421,8 @@ TYPED_TEST(ExrDecoder, BrokenFilesGiveTheirCodesAndLeaveTheBufferCleared)
         {"subsampled channel not chosen", makeExr(subsampledUnused), 1, false},
         {"2^30 x 2^30", hugeWindowFile(1u << 30, 1u << 30, 16), 4, false},
         {"2^24 lines, 16 offsets", hugeWindowFile(64, 1u << 24, 16), 4, false},
-        {"2^28 x (2^11 + 1)", hugeWindowFile(1u << 28, (1u << 11) + 1, (1u << 11) + 1), 6, true},
+        // Wider than the plug-in reads: refused before anything is sized by it.
+        {"2^28 x (2^11 + 1)", hugeWindowFile(1u << 28, (1u << 11) + 1, (1u << 11) + 1), 4, false},
     };
     for (const auto& c : cases) {
         auto b = hostBuffer<TypeParam>(16, 12);
