@@ -500,15 +500,21 @@ int decode(imgCallRecord* call)
     std::unique_ptr<Imf::Header> header;
     try {
         threads = Imf::globalThreadCount();
-        // A damaged header can make OpenEXR allocate by sizes it announces,
-        // and a file too short for its pixels would be read into planes of
-        // its announced size.
+        // A damaged header can make OpenEXR allocate by sizes it announces.
         dataFits = kt::exrCheckBeforeOpening(*call->fileBuffer).pixelDataFits();
-        stream.seekg(0);
-        file = std::make_unique<Imf::InputFile>(stream, threads);
-        header = std::make_unique<Imf::Header>(file->header());
+        if (dataFits) {
+            stream.seekg(0);
+            file = std::make_unique<Imf::InputFile>(stream, threads);
+            header = std::make_unique<Imf::Header>(file->header());
+        }
     } catch (...) {
         return imgStatusCannotHandle;
+    }
+    // A file too short for its pixels is answered as if reading them had
+    // failed, before OpenEXR's buffers or the planes are sized by its header.
+    if (!dataFits) {
+        clearPixels(out);
+        return imgStatusBrokenFile;
     }
 
     // From here on every failure leaves the buffer cleared. The clearing
@@ -537,13 +543,10 @@ int decode(imgCallRecord* call)
         if (width <= 0 || height <= 0) throw std::bad_alloc();
 
         // Kept for the failure it can raise, never touched.
-        if (dataFits) scratch.reset(newArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
+        scratch.reset(newArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
 
         if (width != std::int64_t{out.width} || height != std::int64_t{out.height}) out.imageInfo.infoText += " region";
         clearOnFailure.buffer = &out;
-        // The file is too short for its pixels: as if reading them had failed,
-        // before planes of the announced size are made.
-        if (!dataFits) return imgStatusBrokenFile;
 
         slots.reset(newArray<_singleChannel>(kt::exrDecoderSlotCount));
         int number[kRoleCount];

@@ -267,16 +267,21 @@ PartBytes checkPart(const Imf::Header& header, bool multiPart, u64 fileBytes)
     u64 chunkHeader = deep ? (tiled ? 40 : 28) : (tiled ? 20 : 8);
     if (multiPart) chunkHeader += 4;
 
-    // Deep images must at least store each pixel's sample count.
+    // Deep images must at least store each pixel's sample count. The
+    // largest chunk counts only the lines and columns inside the window.
     const u64 dataBytes = deep ? times(times(width, height), 4) : imageBytes;
+    const u64 rows = std::min(height, tiled ? tileHeight : lines);
+    const u64 columns = tiled ? std::min(width, tileWidth) : width;
+    const u64 oneChunk = deep ? times(times(columns, rows), 4)
+                              : (tiled ? times(times(columns, rows), pixelBytes) : times(rows, lineBytes));
     const u64 expansion = largestExpansion(compression);
+    // Even one chunk's pixels cannot come out of this file: OpenEXR would
+    // still size its buffers by them while opening it.
+    if (expansion > 0 && oneChunk > times(expansion, fileBytes)) throw Iex::InputExc("chunks larger than the file");
+
     u64 leastData = 0;
     if (expansion == 1) {
         // Uncompressed chunks hold all their bytes; one cut short reads as zeros.
-        const u64 rows = std::min(height, tiled ? tileHeight : lines);
-        const u64 oneChunk = deep ? times(times(tiled ? std::min(width, tileWidth) : width, rows), 4)
-                                  : (tiled ? times(times(std::min(width, tileWidth), rows), pixelBytes)
-                                           : times(rows, lineBytes));
         leastData = dataBytes - std::min(oneChunk, dataBytes);
     } else if (expansion > 1) {
         leastData = dataBytes / expansion + (dataBytes % expansion != 0);
