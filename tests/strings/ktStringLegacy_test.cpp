@@ -14,104 +14,74 @@
 using kttest::str;
 using kttest::terminated;
 
-TEST(LegacyConversion, EvenCapacityIntoTheCurrentString)
+namespace {
+
+// A legacy value as another program laid it out, byte by byte.
+template <class Legacy, size_t Size>
+Legacy fromBytes(const unsigned char (&bytes)[Size])
 {
-    const _ktString8_evenSize_old<100> legacy("abc");
-    const _ktString8_allSize<100> s(legacy);
-    EXPECT_EQ(str(s), "abc");
-    EXPECT_EQ(s.length, 3);
-    EXPECT_TRUE(terminated(s));
-    EXPECT_TRUE(s == legacy);
-    EXPECT_FALSE(_ktString8_allSize<100>("abd") == legacy);
+    static_assert(sizeof(Legacy) == Size, "the legacy layout");
+    Legacy legacy;
+    std::memcpy(static_cast<void*>(&legacy), bytes, Size);
+    return legacy;
+}
+
+}  // namespace
+
+// The current string takes the legacy length and characters and terminates
+// them; a damaged length is cut at the capacity; operator== compares the two.
+TEST(LegacyConversion, EightBitIntoTheCurrentString)
+{
+    const _ktString8_evenSize_old<100> even("abc");
+    const _ktString8_allSize<100> s(even);
+    EXPECT_TRUE(str(s) == "abc" && terminated(s) && s == even && !(_ktString8_allSize<100>("abd") == even));
     _ktString8_allSize<100> assigned("something longer");
-    assigned = legacy;
-    EXPECT_EQ(str(assigned), "abc");
-    EXPECT_EQ(std::strlen(assigned.text), 3u);
-}
+    assigned = even;
+    EXPECT_TRUE(str(assigned) == "abc" && std::strlen(assigned.text) == 3u);
 
-TEST(LegacyConversion, OddCapacityIntoTheCurrentString)
-{
-    const _ktString8_UnevenSize_old<7> legacy("abcdefghij");
-    EXPECT_EQ(str(legacy), "abcdefg");
-    const _ktString8_allSize<7> s(legacy);
-    EXPECT_EQ(str(s), "abcdefg");
-    EXPECT_TRUE(terminated(s));
-    EXPECT_TRUE(s == legacy);
-}
+    const _ktString8_UnevenSize_old<7> odd("abcdefghij");
+    const _ktString8_allSize<7> fromOdd(odd);
+    EXPECT_TRUE(str(fromOdd) == "abcdefg" && terminated(fromOdd) && fromOdd == odd);
 
-TEST(LegacyConversion, BytesLaidOutByAnotherProgram)
-{
-    // _ktString8_UnevenSize_old<7>: eight characters, then the length.
-    const unsigned char bytes[10] = {'h', 'e', 'y', 0, '?', '?', '?', '?', 3, 0};
-    _ktString8_UnevenSize_old<7> legacy;
-    static_assert(sizeof legacy == sizeof bytes);
-    std::memcpy(static_cast<void*>(&legacy), bytes, sizeof bytes);
-    const _ktString8_allSize<7> s(legacy);
-    EXPECT_EQ(str(s), "hey");
-    EXPECT_TRUE(terminated(s));
-
-    // _ktString8_evenSize_old<6>: seven characters, a padding byte, the length.
+    // <7>: eight characters, then the length; <6>: seven, a padding byte, the length.
+    const unsigned char oddBytes[10] = {'h', 'e', 'y', 0, '?', '?', '?', '?', 3, 0};
     const unsigned char evenBytes[10] = {'x', 'y', 0, 0, 0, 0, 0, 0xEE, 2, 0};
-    _ktString8_evenSize_old<6> even;
-    static_assert(sizeof even == sizeof evenBytes);
-    std::memcpy(static_cast<void*>(&even), evenBytes, sizeof evenBytes);
-    EXPECT_EQ(str(_ktString8_allSize<6>(even)), "xy");
+    EXPECT_EQ(str(_ktString8_allSize<7>(fromBytes<_ktString8_UnevenSize_old<7>>(oddBytes))), "hey");
+    EXPECT_EQ(str(_ktString8_allSize<6>(fromBytes<_ktString8_evenSize_old<6>>(evenBytes))), "xy");
 
-    // _ktString_old<10>: eleven units, then the length.
-    alignas(2) unsigned char wideBytes[24] = {};
-    wideBytes[0] = 'o';
-    wideBytes[2] = 'k';
-    wideBytes[3] = 0x01;
+    _ktString8_evenSize_old<6> damaged("abcdef");
+    damaged.length = 900;
+    const _ktString8_allSize<6> cut(damaged);
+    EXPECT_TRUE(cut.length == 6 && terminated(cut));
+}
+
+TEST(LegacyConversion, SixteenBitIntoTheCurrentStringAndNarrowed)
+{
+    // <10>: eleven units, then the length.
+    unsigned char wideBytes[24] = {'o', 0, 'k', 0x01};
     wideBytes[22] = 2;
-    _ktString_old<10> wide;
-    static_assert(sizeof wide == sizeof wideBytes);
-    std::memcpy(static_cast<void*>(&wide), wideBytes, sizeof wideBytes);
-    const _ktString<10> current(wide);
-    ASSERT_EQ(current.length, 2);
-    EXPECT_EQ(current.text[0], 'o');
-    EXPECT_EQ(current.text[1], 0x016B);
-    EXPECT_EQ(current.reserved, 0);
-    EXPECT_TRUE(terminated(current));
-}
+    const _ktString<10> current(fromBytes<_ktString_old<10>>(wideBytes));
+    EXPECT_TRUE(current.length == 2 && current.text[0] == 'o' && current.text[1] == 0x016B);
+    EXPECT_TRUE(current.reserved == 0 && terminated(current));
 
-TEST(LegacyConversion, ALengthBeyondTheCapacityIsCut)
-{
-    _ktString8_evenSize_old<6> legacy("abcdef");
-    legacy.length = 900;  // a damaged value
-    const _ktString8_allSize<6> s(legacy);
-    EXPECT_EQ(s.length, 6);
-    EXPECT_TRUE(terminated(s));
-}
-
-TEST(LegacyConversion, SixteenBitIntoTheCurrentString)
-{
     _ktString_old<48> legacy("units");
     legacy += static_cast<unsigned short>(0x263A);
-    const _ktString<48> s(legacy);
-    ASSERT_EQ(s.length, 6);
-    EXPECT_EQ(s.text[5], 0x263A);
-    EXPECT_TRUE(terminated(s));
     _ktString<48> assigned("longer text here");
     assigned = legacy;
-    EXPECT_EQ(assigned.length, 6);
-    EXPECT_TRUE(terminated(assigned));
-    EXPECT_EQ(str(assigned), str(s));
+    EXPECT_TRUE(assigned.length == 6 && assigned.text[5] == 0x263A && terminated(assigned));
+
+    _ktString_old<500> many;
+    for (int i = 0; i < 499; ++i) many += static_cast<unsigned short>('n');
+    const _ktString8_allSize<250> small = many;
+    const _ktString8_allSize<500> large = many;
+    EXPECT_TRUE(small.length == 499 && std::strlen(small.text) == 249u && std::strlen(large.text) == 499u);
+    EXPECT_TRUE(many.to_ktString8_250().length == 499 && std::strlen(many.to_ktString8_500().text) == 499u);
 }
 
-TEST(LegacyConversion, SixteenBitNarrowedKeepsItsLength)
-{
-    _ktString_old<500> legacy;
-    for (int i = 0; i < 499; ++i) legacy += static_cast<unsigned short>('n');
-    const _ktString8_allSize<250> small = legacy;
-    EXPECT_EQ(small.length, 499);
-    EXPECT_EQ(std::strlen(small.text), 249u);
-    const _ktString8_allSize<500> large = legacy;
-    EXPECT_EQ(std::strlen(large.text), 499u);
-    EXPECT_EQ(legacy.to_ktString8_250().length, 499);
-    EXPECT_EQ(std::strlen(legacy.to_ktString8_500().text), 499u);
-}
-
-TEST(LegacyRules, NullAssignmentLeavesTheSixteenBitLegacyUnchanged)
+// A null pointer leaves the 16-bit legacy string as it was (the current one
+// empties); its assignment widens as unsigned, its constructor as signed;
+// it alone tests its first unit against a byte.
+TEST(LegacyRules, SixteenBitAssignmentNumbersAndFirstByte)
 {
     _ktString_old<25> legacy("x");
     legacy = static_cast<const char*>(nullptr);
@@ -119,13 +89,25 @@ TEST(LegacyRules, NullAssignmentLeavesTheSixteenBitLegacyUnchanged)
     _ktString<25> current("x");
     current = static_cast<const char*>(nullptr);
     EXPECT_EQ(current.length, 0);
-
-    legacy = "\xE9";  // widened as unsigned
+    legacy = "\xE9";
     EXPECT_EQ(legacy.text[0], 0x00E9);
-    EXPECT_EQ(_ktString_old<25>("\xE9").text[0], 0xFFE9);  // the constructor widens as signed
+    EXPECT_EQ(_ktString_old<25>("\xE9").text[0], 0xFFE9);
+
+    EXPECT_TRUE(_ktString_old<10>("abc").startsWith('a') && !_ktString_old<10>("abc").startsWith('A'));
+    EXPECT_TRUE(!_ktString_old<10>().startsWith('\0') && _ktString_old<10>("\xE9").startsWith('\xE9'));
+
+    _ktString_old<30> numbers;
+    numbers.addNr(-9000000000LL);
+    numbers.addNr(7LL, static_cast<unsigned char>(3));
+    EXPECT_EQ(str(numbers), "-9000000000007");
+    numbers.fromNr(12);
+    bool ok = false;
+    EXPECT_TRUE(numbers.toInt(&ok) == 12 && ok);
 }
 
-TEST(LegacyRules, ClearOfTheOddLayoutZeroesEveryByte)
+// clear() of the odd layout zeroes the whole object; the even one zeroes the
+// characters and the length, not the padding byte between them.
+TEST(LegacyRules, ClearOfEitherLayout)
 {
     _ktString8_UnevenSize_old<15> odd("abc");
     std::memset(static_cast<void*>(&odd), 0xAB, sizeof odd);
@@ -133,34 +115,10 @@ TEST(LegacyRules, ClearOfTheOddLayoutZeroesEveryByte)
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&odd);
     for (size_t i = 0; i < sizeof odd; ++i) EXPECT_EQ(bytes[i], 0) << i;
 
-    // The even layout clears the characters and the length, not the
-    // padding byte between them.
     _ktString8_evenSize_old<14> even("abc");
     std::memset(static_cast<void*>(&even), 0xAB, sizeof even);
     even.clear();
     const unsigned char* evenBytes = reinterpret_cast<const unsigned char*>(&even);
     for (size_t i = 0; i < 15; ++i) EXPECT_EQ(evenBytes[i], 0) << i;
-    EXPECT_EQ(evenBytes[15], 0xAB);
-    EXPECT_EQ(even.length, 0);
-}
-
-TEST(LegacyRules, StartsWithAByte)
-{
-    const _ktString_old<10> legacy("abc");
-    EXPECT_TRUE(legacy.startsWith('a'));
-    EXPECT_FALSE(legacy.startsWith('A'));
-    EXPECT_FALSE(_ktString_old<10>().startsWith('\0'));
-    EXPECT_TRUE(_ktString_old<10>("\xE9").startsWith('\xE9'));
-}
-
-TEST(LegacyRules, SixteenBitNumbers)
-{
-    _ktString_old<30> legacy;
-    legacy.addNr(-9000000000LL);
-    legacy.addNr(7LL, static_cast<unsigned char>(3));
-    EXPECT_EQ(str(legacy), "-9000000000007");
-    legacy.fromNr(12);
-    bool ok = false;
-    EXPECT_EQ(legacy.toInt(&ok), 12);
-    EXPECT_TRUE(ok);
+    EXPECT_TRUE(evenBytes[15] == 0xAB && even.length == 0);
 }

@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <climits>
 #include <string>
 #include <vector>
 
 #include "strings/ktStringList.h"
+#include "stringTestSupport.h"
 
 namespace {
 
@@ -45,25 +45,20 @@ void fill(_ktStringList& list, const Names& names)
 TEST(KtStringList, EmptyListHasNoItems)
 {
     _ktStringList list;
-    EXPECT_EQ(list.count, 0);
-    EXPECT_EQ(list.at(0), nullptr);
-    EXPECT_STREQ(list.atAsChar(3), "");
-    EXPECT_EQ(list.find(Item("a"), false), -1);
-    EXPECT_EQ(list.asString8().length, 0);
     list.removeAt(0);
     list.sort(false);
-    EXPECT_EQ(list.count, 0);
+    EXPECT_TRUE(list.count == 0 && list.at(0) == nullptr && list.find(Item("a"), false) == -1);
+    EXPECT_STREQ(list.atAsChar(3), "");
+    EXPECT_STREQ(list.asString8().text, "");
 }
 
+// find compares whole items, findContains searches in them; with
+// noDuplicates, append skips an item find would report.
 TEST(KtStringList, FindAndDuplicates)
 {
     _ktStringList list;
     fill(list, {"ABC", "def", "hello world"});
-    const struct {
-        const char* needle;
-        bool caseSensitive;
-        int found, contains;
-    } cases[] = {
+    const struct { const char* needle; bool caseSensitive; int found, contains; } cases[] = {
         {"abc", false, 0, 0}, {"abc", true, -1, -1}, {"ABC", true, 0, 0},  {"DEF", false, 1, 1},
         {"de", false, -1, 1}, {"WORLD", false, -1, 2}, {"WORLD", true, -1, -1}, {"xyz", false, -1, -1},
     };
@@ -78,6 +73,7 @@ TEST(KtStringList, FindAndDuplicates)
     EXPECT_EQ(contents(list), (Names{"ABC", "def", "hello world", "abc", "ABC"}));
 }
 
+// A negative index does nothing; insert at or beyond the end appends.
 TEST(KtStringList, InsertAndRemoveMatchAVector)
 {
     const Names start{"a", "b", "c"};
@@ -97,6 +93,7 @@ TEST(KtStringList, InsertAndRemoveMatchAVector)
     }
 }
 
+// Items passed from the list itself survive its growth.
 TEST(KtStringList, ItemsFromTheListItselfSurviveGrowth)
 {
     _ktStringList list;
@@ -107,6 +104,8 @@ TEST(KtStringList, ItemsFromTheListItselfSurviveGrowth)
     EXPECT_EQ(contents(list), (Names{"second", "first", "second", "second", "second"}));
 }
 
+// An index outside the list means the first item; atAsChar narrows to the
+// low byte and keeps at most 499 characters.
 TEST(KtStringList, OutOfRangeIndexMeansTheFirstItem)
 {
     _ktStringList list;
@@ -114,8 +113,7 @@ TEST(KtStringList, OutOfRangeIndexMeansTheFirstItem)
     wide.text[1] = 0x0142;  // narrowed to its low byte 'B'
     list.append(wide, false, false);
     list.append(Item("z"), false, false);
-    EXPECT_EQ(list.at(-1), list.at(0));
-    EXPECT_EQ(list.at(2), list.at(0));
+    EXPECT_TRUE(list.at(-1) == list.at(0) && list.at(2) == list.at(0));
     EXPECT_STREQ(list.atAsChar(7), "aB");
     EXPECT_STREQ(list.atAsChar(1), "z");
 
@@ -125,6 +123,7 @@ TEST(KtStringList, OutOfRangeIndexMeansTheFirstItem)
     EXPECT_EQ(std::string(list.atAsChar(0)), std::string(499, 'q'));
 }
 
+// The bubble sort compares ignoring case and never swaps equal items, as a stable sort.
 TEST(KtStringList, BubbleSortIsStableAndCaseInsensitive)
 {
     const Names tables[] = {
@@ -138,52 +137,43 @@ TEST(KtStringList, BubbleSortIsStableAndCaseInsensitive)
             fill(list, names);
             list.sort(descending);
             Names expected = names;
-            auto upper = [](std::string s) {
-                for (auto& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-                return s;
-            };
             std::stable_sort(expected.begin(), expected.end(), [&](const std::string& l, const std::string& r) {
-                return descending ? upper(l) > upper(r) : upper(l) < upper(r);
+                return descending ? kttest::upper(l) > kttest::upper(r) : kttest::upper(l) < kttest::upper(r);
             });
             EXPECT_EQ(contents(list), expected) << "descending " << descending;
         }
     }
 }
 
+// copyFrom replaces the list by a deep copy, of itself too.
 TEST(KtStringList, CopyFromIsDeep)
 {
-    _ktStringList source, copy;
+    _ktStringList source, copy, empty;
     fill(source, {"one", "two"});
     fill(copy, {"old"});
     copy.copyFrom(source);
     source.at(0)->add("!");
-    EXPECT_EQ(contents(copy), (Names{"one", "two"}));
-    EXPECT_NE(copy.items, source.items);
     copy.copyFrom(copy);
     EXPECT_EQ(contents(copy), (Names{"one", "two"}));
-    _ktStringList empty;
     copy.copyFrom(empty);
     EXPECT_EQ(copy.count, 0);
 }
 
+// Every item quoted and followed by a space, the whole cut at 1000 characters.
 TEST(KtStringList, AsString8QuotesEveryItemAndCutsAt1000)
 {
     _ktStringList list;
-    EXPECT_STREQ(list.asString8().text, "");
     fill(list, {"x"});
     EXPECT_STREQ(list.asString8().text, "'x' ");
-    fill(list, {"A", "B"});
-    EXPECT_STREQ(list.asString8().text, "'A' 'B' ");
 
-    for (size_t first : {400u, 496u, 497u, 498u, 499u}) {
+    for (size_t first : {496u, 497u, 499u}) {
         const Names names{std::string(first, 'a'), std::string(499, 'b'), std::string(10, 'c')};
         fill(list, names);
         std::string expected;
         for (const auto& n : names) expected += "'" + n + "' ";
         expected.resize(std::min<size_t>(expected.size(), 1000));
         const _ktString8_allSize<1000> text = list.asString8();
-        EXPECT_EQ(text.length, expected.size()) << first;
-        EXPECT_EQ(std::string(text.text), expected) << first;
+        EXPECT_TRUE(text.length == expected.size() && std::string(text.text) == expected) << first;
     }
 }
 
@@ -197,6 +187,7 @@ struct FailingAllocation {
     kt::StringListAllocator saved = kt::stringListAllocator;
 };
 
+// A failed allocation in append, insert or copyFrom leaves an empty, usable list.
 TEST(KtStringList, FailedAllocationLeavesTheListEmpty)
 {
     _ktStringList list, source;
@@ -205,8 +196,7 @@ TEST(KtStringList, FailedAllocationLeavesTheListEmpty)
     {
         FailingAllocation failing;
         list.append(Item("c"), false, false);
-        EXPECT_EQ(list.count, 0);
-        EXPECT_EQ(list.items, nullptr);
+        EXPECT_TRUE(list.count == 0 && list.items == nullptr);
         list.insert(0, Item("d"));
         EXPECT_EQ(list.count, 0);
         fill(list, {"a"});
@@ -219,29 +209,22 @@ TEST(KtStringList, FailedAllocationLeavesTheListEmpty)
 
 TEST(KtNumberText, BoolAndInt)
 {
-    EXPECT_EQ(units(bool2str(true, false)), u"1");
-    EXPECT_EQ(units(bool2str(false, false)), u"0");
-    EXPECT_EQ(units(bool2str(true, true)), u"true");
-    EXPECT_EQ(units(bool2str(false, true)), u"false");
-    for (int v : {0, 7, -1, 1000000, INT_MAX, INT_MIN}) {
+    EXPECT_TRUE(units(bool2str(true, false)) == u"1" && units(bool2str(false, false)) == u"0");
+    EXPECT_TRUE(units(bool2str(true, true)) == u"true" && units(bool2str(false, true)) == u"false");
+    for (int v : {0, -1, INT_MAX, INT_MIN}) {
         const std::string s = std::to_string(v);
         EXPECT_EQ(units(int2Str(v)), std::u16string(s.begin(), s.end()));
     }
 }
 
+// No carry from the fraction into the whole part, the minus sign inside the
+// fraction, a separator and one digit even for no decimals: as stored texts have it.
 TEST(KtNumberText, FloatKeepsItsFractionApart)
 {
-    const struct {
-        float value;
-        int decimals;
-        char16_t separator;
-        const char16_t* text;
-    } cases[] = {
-        {3.25f, 2, '.', u"3.25"},   {2.5f, 0, '.', u"2.1"},     {2.4f, 0, '.', u"2.0"},   {-1.0f, -3, '.', u"-1.0"},
-        {1.999f, 2, '.', u"1.100"}, {-0.5f, 1, '.', u"0.-5"},   {-2.25f, 2, ',', u"-2,-25"},
-        {0.05f, 3, '.', u"0.050"},  {7.0f, 3, u'\u2022', u"7\u2022000"}, {12.5f, 1, '.', u"12.5"},
-        {NAN, 1, '.', u"0.0"},
-        {-2147483520.0f, 0, '.', u"-2147483520.0"},
+    const struct { float value; int decimals; char16_t separator; const char16_t* text; } cases[] = {
+        {3.25f, 2, '.', u"3.25"},   {2.5f, 0, '.', u"2.1"},   {2.4f, 0, '.', u"2.0"},  {-1.0f, -3, '.', u"-1.0"},
+        {1.999f, 2, '.', u"1.100"}, {-0.5f, 1, '.', u"0.-5"}, {-2.25f, 2, ',', u"-2,-25"},
+        {0.05f, 3, '.', u"0.050"},  {7.0f, 3, u'\u2022', u"7\u2022000"}, {NAN, 1, '.', u"0.0"},
     };
     for (const auto& c : cases) EXPECT_EQ(units(float2Str(c.value, c.decimals, c.separator)), c.text) << c.value << " " << c.decimals;
 

@@ -51,12 +51,6 @@ inline std::string upper(std::string s)
     return s;
 }
 
-inline std::string lower(std::string s)
-{
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 // Position of `needle` in `hay` from `start`, -1 when absent or empty.
 inline int find(const std::string& hay, const std::string& needle, size_t start, bool ignoreCase)
 {
