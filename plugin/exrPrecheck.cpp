@@ -165,16 +165,50 @@ u64 largestExpansion(Imf::Compression compression)
 
 u64 bytesPerSample(Imf::PixelType type) { return type == Imf::HALF ? 2 : 4; }
 
+// Sides of a level of a mip- or rip-mapped image, and how many levels a
+// side has, rounded as the tile description says.
+u64 levelSide(u64 side, int level, Imf::LevelRoundingMode rounding)
+{
+    const u64 step = u64{1} << level;
+    const u64 levelSize = rounding == Imf::ROUND_UP ? (side + step - 1) / step : side / step;
+    return std::max<u64>(levelSize, 1);
+}
+
+int levelCount(u64 side, Imf::LevelRoundingMode rounding)
+{
+    int levels = 1;
+    while (levelSide(side, levels - 1, rounding) > 1) ++levels;
+    return levels;
+}
+
+u64 tilesOf(u64 width, u64 height, const Imf::TileDescription& tiles)
+{
+    return times((width + tiles.xSize - 1) / tiles.xSize, (height + tiles.ySize - 1) / tiles.ySize);
+}
+
 // The fewest chunks an image of this header can have: its stated chunk count,
-// or the level-0 tiles, or the scan-line chunks of its data window.
+// or the tiles of all its levels, or the scan-line chunks of its data window.
 u64 fewestChunks(const Imf::Header& header, u64 width, u64 height)
 {
     u64 chunks = 0;
     if (width > 0 && height > 0) {
         if (header.hasTileDescription()) {
             const Imf::TileDescription& tiles = header.tileDescription();
-            if (tiles.xSize > 0 && tiles.ySize > 0)
-                chunks = times((width + tiles.xSize - 1) / tiles.xSize, (height + tiles.ySize - 1) / tiles.ySize);
+            const Imf::LevelRoundingMode rounding = tiles.roundingMode;
+            if (tiles.xSize == 0 || tiles.ySize == 0) {
+                chunks = 0;
+            } else if (tiles.mode == Imf::MIPMAP_LEVELS) {
+                const int levels = levelCount(std::max(width, height), rounding);
+                for (int l = 0; l < levels; ++l)
+                    chunks = plus(chunks, tilesOf(levelSide(width, l, rounding), levelSide(height, l, rounding), tiles));
+            } else if (tiles.mode == Imf::RIPMAP_LEVELS) {
+                const int xLevels = levelCount(width, rounding), yLevels = levelCount(height, rounding);
+                for (int ly = 0; ly < yLevels; ++ly)
+                    for (int lx = 0; lx < xLevels; ++lx)
+                        chunks = plus(chunks, tilesOf(levelSide(width, lx, rounding), levelSide(height, ly, rounding), tiles));
+            } else {
+                chunks = tilesOf(width, height, tiles);
+            }
         } else {
             const u64 lines = linesPerChunk(header.compression());
             chunks = (height + lines - 1) / lines;
@@ -212,8 +246,9 @@ struct PartBytes {
     u64 leastData = 0;
 };
 
-PartBytes checkPart(const Imf::Header& header, bool multiPart, u64 fileBytes)
+PartBytes checkPart(const Imf::Header& header, int version, u64 fileBytes)
 {
+    const bool multiPart = Imf::isMultiPart(version);
     const Imath::Box2i& window = header.dataWindow();
     const long long signedWidth = static_cast<long long>(window.max.x) - window.min.x + 1;
     const long long signedHeight = static_cast<long long>(window.max.y) - window.min.y + 1;
@@ -249,6 +284,14 @@ PartBytes checkPart(const Imf::Header& header, bool multiPart, u64 fileBytes)
     // OpenEXR keeps the sizes of a chunk's data in ints, and sizes its
     // chunk buffers (and, reading tiles line by line, one row of tiles per
     // channel read) by the header, not by the data.
+    if (deep && !tiled && !multiPart) {
+        // OpenEXR 3.1 loses the reader it made for such a file when the
+        // reader fails to start: refused here, nothing is lost.
+        if (Imf::isTiled(version) || !Imf::isNonImage(version) || !header.hasVersion() || header.version() != 1)
+            throw Iex::InputExc("deep scan lines in a file not marked as such");
+        if (times(times(std::min(height, lines), width), 4) > INT_MAX)
+            throw Iex::InputExc("sample count tables larger than OpenEXR can read");
+    }
     if (!deep) {
         const u64 chunkBytes = tiled ? times(times(tileWidth, tileHeight), pixelBytes) : times(lines, lineBytes);
         if (chunkBytes > INT_MAX) throw Iex::InputExc("chunks larger than OpenEXR can read");
@@ -315,12 +358,15 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
         stream.seekg(headerStart);
         int headerVersion = version;
         header.readFrom(stream, headerVersion);
-        const PartBytes part = checkPart(header, multiPart, claims.fileBytes);
+        const PartBytes part = checkPart(header, version, claims.fileBytes);
         tables = plus(tables, part.table);
         if (tables > claims.fileBytes) throw Iex::InputExc("chunk offset tables larger than the file");
-        leastData = plus(leastData, part.leastData);
+        if (headerStart == 8) leastData = part.leastData;  // the part the decoders read
         if (!multiPart) break;
     }
+    // Opening reads the headers and every offset table.
+    if (plus(at, tables) > claims.fileBytes) throw Iex::InputExc("chunk offset tables cut short");
+    if (plus(at, tables) > bytes.size()) throw Iex::IoExc(kShortBuffer);
     claims.leastBytes = plus(plus(at, tables), leastData);
     return claims;
 }

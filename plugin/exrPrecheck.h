@@ -23,8 +23,9 @@ constexpr std::int64_t exrLargestTileSide = std::int64_t{1} << 16;
 // What a file's headers claim, measured against what the host says the
 // file holds.
 struct ExrFileClaims {
-    // The fewest bytes a file with these headers can have: headers, offset
-    // tables, chunk headers, and the pixel data at its compression's
+    // The fewest bytes a file with these headers can have for the pixels of
+    // its first part (the one the decoders read): headers, offset tables,
+    // that part's chunk headers, and its pixel data at its compression's
     // largest expansion (uncompressed data must all be there but for one
     // chunk, which then reads as zeros).
     std::uint64_t leastBytes = 0;
