@@ -120,7 +120,7 @@ TYPED_TEST(PixelTypes, SuperWhiteMatchesHandWorkedPixels)
         p.fromFloatRGBA_sw(c.r, c.g, c.b, c.a, c.show);
         const auto want = [&](int i) { return TypeParam::top == 255 ? unsigned{c.out8[i]} : unsigned{c.out16[i]}; };
         EXPECT_TRUE(p.r == want(0) && p.g == want(1) && p.b == want(2) && p.a == want(3))
-            << p.r << " " << p.g << " " << p.b << " " << p.a;
+            << +p.r << " " << +p.g << " " << +p.b << " " << +p.a;
     }
 }
 
