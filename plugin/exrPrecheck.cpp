@@ -246,9 +246,8 @@ struct PartBytes {
     u64 leastData = 0;
 };
 
-PartBytes checkPart(const Imf::Header& header, int version, u64 fileBytes)
+PartBytes checkPart(const Imf::Header& header, bool multiPart, u64 fileBytes)
 {
-    const bool multiPart = Imf::isMultiPart(version);
     const Imath::Box2i& window = header.dataWindow();
     const long long signedWidth = static_cast<long long>(window.max.x) - window.min.x + 1;
     const long long signedHeight = static_cast<long long>(window.max.y) - window.min.y + 1;
@@ -284,14 +283,6 @@ PartBytes checkPart(const Imf::Header& header, int version, u64 fileBytes)
     // OpenEXR keeps the sizes of a chunk's data in ints, and sizes its
     // chunk buffers (and, reading tiles line by line, one row of tiles per
     // channel read) by the header, not by the data.
-    if (deep && !tiled && !multiPart) {
-        // OpenEXR 3.1 loses the reader it made for such a file when the
-        // reader fails to start: refused here, nothing is lost.
-        if (Imf::isTiled(version) || !Imf::isNonImage(version) || !header.hasVersion() || header.version() != 1)
-            throw Iex::InputExc("deep scan lines in a file not marked as such");
-        if (times(times(std::min(height, lines), width), 4) > INT_MAX)
-            throw Iex::InputExc("sample count tables larger than OpenEXR can read");
-    }
     if (!deep) {
         const u64 chunkBytes = tiled ? times(times(tileWidth, tileHeight), pixelBytes) : times(lines, lineBytes);
         if (chunkBytes > INT_MAX) throw Iex::InputExc("chunks larger than OpenEXR can read");
@@ -358,13 +349,15 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
         stream.seekg(headerStart);
         int headerVersion = version;
         header.readFrom(stream, headerVersion);
-        const PartBytes part = checkPart(header, version, claims.fileBytes);
+        const PartBytes part = checkPart(header, multiPart, claims.fileBytes);
         tables = plus(tables, part.table);
         if (tables > claims.fileBytes) throw Iex::InputExc("chunk offset tables larger than the file");
         if (headerStart == 8) leastData = part.leastData;  // the part the decoders read
         if (!multiPart) break;
     }
-    // Opening reads the headers and every offset table.
+    // Opening reads the headers and every offset table. (OpenEXR 3.1 loses
+    // the reader it made for a deep scan-line file whose table it cannot
+    // read: such a file never reaches it.)
     if (plus(at, tables) > claims.fileBytes) throw Iex::InputExc("chunk offset tables cut short");
     if (plus(at, tables) > bytes.size()) throw Iex::IoExc(kShortBuffer);
     claims.leastBytes = plus(plus(at, tables), leastData);

@@ -305,3 +305,21 @@ TEST(ResourceBounds, TheMostCompressibleValidFilesAreNeverRefused)
         }
     }
 }
+
+TEST(ResourceBounds, DeepFileWithItsOffsetTableNotLoadedLosesNothing)
+{
+    // OpenEXR 3.1 loses the deep scan-line reader it made when it then
+    // cannot read the offset table; the sanitizer build's leak check sees it.
+    ExrPart part;
+    part.displayWindow = box(0, 0, 11, 7);
+    part.compression = Imf::ZIPS_COMPRESSION;
+    part.channels = {{"A"}, {"Z", Imf::FLOAT}};
+    part.deepSamples = [](int x, int y) { return (x + y) % 3; };
+    const Bytes file = makeExr(part);
+    const auto insideTable = static_cast<long long>(headerEnd(file) + 12);
+    std::string text;
+    EXPECT_EQ(loadHeader(file, insideTable, kWhole, &text), 16);
+    EXPECT_EQ(text, kBufferTooSmall);
+    for (int depth : {8, 16, 32}) EXPECT_EQ(decode(depth, file, insideTable, kWhole), 4) << depth;
+    EXPECT_EQ(decode(32, file), 1);
+}
