@@ -258,7 +258,7 @@ TYPED_TEST(StringTemplate, FirstOccurrenceLetsTheLastNeedleFoundWin)
 {
     using S = TypeParam;
     const struct { const char *text, *a, *b; int expected, which; } cases[] = {
-        {"xxbxa", "a", "b", 2, 1}, {"xxxxa", "a", "b", 4, 0}, {"xxxx", "a", "b", -1, -1},
+        {"xxbxa", "a", "b", 2, 1}, {"xbxa", "b", "a", 3, 1}, {"xxxxa", "a", "b", 4, 0}, {"xxxx", "a", "b", -1, -1},
         {"axb", "a", "b", 0, 0},   {"xbxA", "Q", "a", 3, 1},
     };
     for (const auto& c : cases) {
