@@ -280,11 +280,12 @@ PartBytes checkPart(const Imf::Header& header, bool multiPart, u64 fileBytes)
         imageBytes = plus(imageBytes, times(times(width / xSampling, height / ySampling), size));
     }
 
-    // OpenEXR keeps the sizes of a chunk's data in ints, and sizes its
-    // chunk buffers (and, reading tiles line by line, one row of tiles per
-    // channel read) by the header, not by the data.
+    // OpenEXR keeps the sizes of a chunk's data in ints, and sizes its tile
+    // buffers (and, reading tiles line by line, one row of tiles per channel
+    // read) by the tile description, however much of a tile the image covers.
     if (!deep) {
-        const u64 chunkBytes = tiled ? times(times(tileWidth, tileHeight), pixelBytes) : times(lines, lineBytes);
+        const u64 chunkBytes = tiled ? times(times(tileWidth, tileHeight), pixelBytes)
+                                     : times(std::min(lines, height), lineBytes);
         if (chunkBytes > INT_MAX) throw Iex::InputExc("chunks larger than OpenEXR can read");
         if (tiled && times(times(width, tileHeight), 4) > INT_MAX)
             throw Iex::InputExc("rows of tiles larger than OpenEXR can read");
