@@ -35,9 +35,9 @@ public:
     std::size_t bytes() const;
 };
 
-// A file patched at the value of its first attribute of the given name:
-// `bytes` little-endian 32-bit words written from the value's first byte
-// (offset 0) or from its size field (offset -4).
+// A file patched at its first attribute of the given name: the words
+// written little-endian from `offset` bytes after the value's start (-4 is
+// the size field).
 Bytes withAttributeWords(const Bytes& file, const std::string& name, int offset,
                          std::initializer_list<std::uint32_t> words);
 
