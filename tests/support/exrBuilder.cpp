@@ -26,8 +26,32 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace kt::test {
 namespace {
+
+// An in-memory input stream that copies (not memory-mapped); throws
+// Iex::InputExc at the end of the data.
+class MemoryIStream : public Imf::IStream {
+public:
+    explicit MemoryIStream(const Bytes& bytes) : Imf::IStream("memory"), data(bytes) {}
+    bool read(char dst[], int n) override
+    {
+        if (n < 0 || position > data.size() || static_cast<std::size_t>(n) > data.size() - position)
+            throw IEX_NAMESPACE::InputExc("Unexpected end of file.");
+        if (n > 0) std::memcpy(dst, data.data() + position, static_cast<std::size_t>(n));
+        position += static_cast<std::size_t>(n);
+        return position < data.size();
+    }
+    uint64_t tellg() override { return position; }
+    void seekg(uint64_t pos) override { position = static_cast<std::size_t>(pos); }
+
+private:
+    const Bytes& data;
+    std::size_t position = 0;
+};
 
 int floorDiv(int a, int b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0)) ? 1 : 0); }
 int ceilDiv(int a, int b) { return -floorDiv(-a, b); }
@@ -216,14 +240,6 @@ void checkDeep(const ExrPart& part)
     if (part.deepSamples && part.tiled) throw std::invalid_argument("deep tiled parts are not supported by the builder");
 }
 
-std::uint32_t readUint32(const Bytes& file, std::size_t at)
-{
-    if (at + 4 > file.size()) throw std::out_of_range("EXR bytes end inside a header");
-    std::uint32_t v = 0;
-    for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(file[at + i]);
-    return v;
-}
-
 // Skips one zero-terminated text; returns the offset after the zero.
 std::size_t skipText(const Bytes& file, std::size_t at)
 {
@@ -322,9 +338,9 @@ ExrPart& ExrPart::attribute(const std::string& attributeName, const Imf::Attribu
 
 Imf::Header ExrPart::header() const
 {
-    Imf::Header h(displayWindow, window(), pixelAspectRatio, Imath::V2f(0, 0), 1.0f, lineOrder, compression);
+    Imf::Header h(displayWindow, window(), 1.0f, Imath::V2f(0, 0), 1.0f, lineOrder, compression);
     for (const ExrChannel& ch : channels)
-        h.channels().insert(ch.name, Imf::Channel(ch.type, ch.xSampling, ch.ySampling, ch.pLinear));
+        h.channels().insert(ch.name, Imf::Channel(ch.type, ch.xSampling, ch.ySampling));
     if (tiled) h.setTileDescription(Imf::TileDescription(tileWidth, tileHeight, levelMode, roundingMode));
     if (deepSamples) h.setType(tiled ? Imf::DEEPTILE : Imf::DEEPSCANLINE);
     for (const auto& [attributeName, attributeValue] : attributes) h.insert(attributeName, *attributeValue);
@@ -420,7 +436,6 @@ DecodedExr readExr(Imf::IStream& in, int part, bool pixels)
     Imf::MultiPartInputFile input(in, 0);
     DecodedExr d;
     d.header = input.header(part);
-    d.parts = input.parts();
     d.version = input.version();
     d.complete = input.partComplete(part);
     if (!pixels) return d;
@@ -481,6 +496,31 @@ std::unique_ptr<ktP::_imgFileBuffer> emptyFileBuffer(unsigned int capacity)
     return std::make_unique<ktP::_imgFileBuffer>(capacity);
 }
 
+GuardPagedFileBuffer::GuardPagedFileBuffer(const Bytes& file, long long sizeLoaded, long long fileSize)
+    : buffer(fileBufferWith(file, sizeLoaded, fileSize))
+{
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t loaded = static_cast<std::size_t>(std::max(buffer->sizeLoaded, 0LL));
+    const std::size_t dataBytes = (loaded + page - 1) / page * page;
+    mappedBytes = dataBytes + page;
+    mapping = mmap(nullptr, mappedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED) throw std::bad_alloc();
+    if (mprotect(static_cast<char*>(mapping) + dataBytes, page, PROT_NONE) != 0) {
+        munmap(mapping, mappedBytes);
+        throw std::bad_alloc();
+    }
+    unsigned char* start = static_cast<unsigned char*>(mapping) + dataBytes - loaded;
+    if (loaded > 0) std::memcpy(start, buffer->buffer, loaded);
+    owned = buffer->buffer;
+    buffer->buffer = start;
+}
+
+GuardPagedFileBuffer::~GuardPagedFileBuffer()
+{
+    buffer->buffer = owned;
+    munmap(mapping, mappedBytes);
+}
+
 Bytes contentOf(const ktP::_imgFileBuffer& buffer)
 {
     const long long n = std::max(0LL, std::min(buffer.sizeLoaded, buffer.bufferSize));
@@ -502,11 +542,13 @@ Bytes patched(const Bytes& file, std::size_t offset, std::initializer_list<unsig
     return out;
 }
 
-Bytes withByteXor(const Bytes& file, std::size_t offset, unsigned char mask)
+std::uint64_t littleEndianAt(const Bytes& file, std::size_t at, int bytes)
 {
-    Bytes out = file;
-    out.at(offset) = static_cast<char>(static_cast<unsigned char>(out.at(offset)) ^ mask);
-    return out;
+    if (bytes < 0 || bytes > 8 || at > file.size() || file.size() - at < static_cast<std::size_t>(bytes))
+        throw std::out_of_range("no such bytes in the file");
+    std::uint64_t v = 0;
+    for (int i = bytes - 1; i >= 0; --i) v = v << 8 | static_cast<unsigned char>(file[at + static_cast<std::size_t>(i)]);
+    return v;
 }
 
 std::size_t findBytes(const Bytes& file, const std::string& needle, std::size_t from)
@@ -518,13 +560,13 @@ std::size_t findBytes(const Bytes& file, const std::string& needle, std::size_t 
 
 std::size_t headerEnd(const Bytes& file)
 {
-    const bool multiPart = (readUint32(file, 4) & 0x1000) != 0;
+    const bool multiPart = (littleEndianAt(file, 4) & 0x1000) != 0;
     std::size_t at = 8;
     for (;;) {
         // Attributes: name, type name, 32-bit size, value; a lone zero ends a header.
         while (at < file.size() && file[at] != 0) {
             at = skipText(file, skipText(file, at));
-            at += 4 + readUint32(file, at);
+            at += 4 + littleEndianAt(file, at);
         }
         if (at >= file.size()) throw std::out_of_range("EXR bytes end inside a header");
         ++at;
@@ -568,7 +610,7 @@ std::vector<std::uint64_t> chunkOffsets(const Bytes& file)
     std::vector<std::uint64_t> offsets;
     for (int i = 0; i < n; ++i) {
         const std::size_t at = start + 8 * static_cast<std::size_t>(i);
-        offsets.push_back(readUint32(file, at) | (static_cast<std::uint64_t>(readUint32(file, at + 4)) << 32));
+        offsets.push_back(littleEndianAt(file, at, 8));
     }
     return offsets;
 }
@@ -613,20 +655,5 @@ void MemoryOStream::write(const char src[], int n)
 uint64_t MemoryOStream::tellp() { return position; }
 
 void MemoryOStream::seekp(uint64_t pos) { position = static_cast<std::size_t>(pos); }
-
-MemoryIStream::MemoryIStream(const Bytes& bytes) : Imf::IStream("memory"), data(bytes) {}
-
-bool MemoryIStream::read(char dst[], int n)
-{
-    if (n < 0 || position > data.size() || static_cast<std::size_t>(n) > data.size() - position)
-        throw IEX_NAMESPACE::InputExc("Unexpected end of file.");
-    if (n > 0) std::memcpy(dst, data.data() + position, static_cast<std::size_t>(n));
-    position += static_cast<std::size_t>(n);
-    return position < data.size();
-}
-
-uint64_t MemoryIStream::tellg() { return position; }
-
-void MemoryIStream::seekg(uint64_t pos) { position = static_cast<std::size_t>(pos); }
 
 }  // namespace kt::test

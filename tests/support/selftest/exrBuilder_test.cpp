@@ -6,13 +6,15 @@
 #include <Imath/half.h>
 #include <OpenEXR/ImfPartType.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "tests/support/exrBuilder.h"
 
 using namespace kt::test;
 
-TEST(ExrBuilder, WindowsChannelsAndAttributesArriveAsDescribed)
+TEST(ExrBuilder, WindowsChannelsValuesAndAttributesArriveAsDescribed)
 {
     ExrPart part;
     part.displayWindow = box(-5, -4, 20, 10);
@@ -22,8 +24,7 @@ TEST(ExrBuilder, WindowsChannelsAndAttributesArriveAsDescribed)
     part.value = [](const std::string& c, int x, int y) { return c == "Y" ? 0.25 * x : x * 0.5 + y; };
     part.compression = Imf::PIZ_COMPRESSION;
     part.lineOrder = Imf::DECREASING_Y;
-    part.attribute("KT/jobID", std::string("J1")).attribute("weights", std::vector<float>{1.5f, 2.5f});
-    part.attribute("pos", Imath::V3f(1, 2, 3));
+    part.attribute("KT/jobID", std::string("J1")).attribute("pos", Imath::V3f(1, 2, 3));
 
     const DecodedExr d = readExr(makeExr(part));
     EXPECT_EQ(d.header.displayWindow(), box(-5, -4, 20, 10));
@@ -31,28 +32,18 @@ TEST(ExrBuilder, WindowsChannelsAndAttributesArriveAsDescribed)
     EXPECT_EQ(d.header.compression(), Imf::PIZ_COMPRESSION);
     EXPECT_EQ(d.header.lineOrder(), Imf::DECREASING_Y);
     EXPECT_TRUE(d.complete);
-    EXPECT_EQ(d.parts, 1);
     EXPECT_EQ(d.version & 0x1200, 0);  // neither tiled nor multi-part
     ASSERT_EQ(d.channels.size(), 3u);
     EXPECT_EQ(d.channels[0].name, "Y");  // OpenEXR keeps channels sorted by name
     EXPECT_EQ(d.channel("beauty.R").at(-2, 9), 8.0);
     EXPECT_EQ(d.channel("id").at(7, 9), 9009.0);
-    EXPECT_EQ(d.channel("id").type, Imf::UINT);
     EXPECT_EQ(d.channel("Y").at(-1, 3), -0.25);
     EXPECT_THROW(d.channel("Y").at(8, 3), std::out_of_range);
     EXPECT_EQ(d.header.typedAttribute<Imf::StringAttribute>("KT/jobID").value(), "J1");
-    EXPECT_EQ(d.header.typedAttribute<Imf::FloatVectorAttribute>("weights").value(), (std::vector<float>{1.5f, 2.5f}));
     EXPECT_EQ(d.header.typedAttribute<Imf::V3fAttribute>("pos").value(), Imath::V3f(1, 2, 3));
-}
-
-TEST(ExrBuilder, PatternIsExactInHalfAndVaries)
-{
-    for (int y = -3; y < 3; ++y)
-        for (int x = -3; x < 3; ++x) {
-            const double v = patternValue("R", x, y);
-            EXPECT_EQ(static_cast<double>(static_cast<float>(half(static_cast<float>(v)))), v);
-            EXPECT_GE(v, 0.0);
-        }
+    // The default pattern is exact in half and differs between neighbours and channels.
+    const double v = patternValue("R", -3, 2);
+    EXPECT_EQ(static_cast<double>(static_cast<float>(half(static_cast<float>(v)))), v);
     EXPECT_NE(patternValue("R", 0, 0), patternValue("R", 1, 0));
     EXPECT_NE(patternValue("R", 0, 0), patternValue("G", 0, 0));
 }
@@ -67,23 +58,19 @@ TEST(ExrBuilder, WriteLimitLeavesAnIncompleteFile)
     const std::vector<std::uint64_t> offsets = chunkOffsets(file);
     ASSERT_EQ(offsets.size(), 12u);
     EXPECT_EQ(offsets[0], offsetTableEnd(file));
-    EXPECT_TRUE(std::all_of(offsets.begin(), offsets.begin() + 5, [](std::uint64_t o) { return o != 0; }));
-    EXPECT_TRUE(std::all_of(offsets.begin() + 5, offsets.end(), [](std::uint64_t o) { return o == 0; }));
+    EXPECT_EQ(std::count(offsets.begin(), offsets.end(), 0u), 7);
 
     ExrPart tiles;
     tiles.tiled = true;
     tiles.tileWidth = tiles.tileHeight = 4;  // 4 x 3 tiles
     tiles.writeLimit = 11;
     EXPECT_FALSE(readExr(makeExr(tiles), 0, false).complete);
-    tiles.writeLimit = -1;
-    EXPECT_TRUE(readExr(makeExr(tiles), 0, false).complete);
 }
 
-TEST(ExrBuilder, ChunkCountsFollowCompressionAndTiling)
+TEST(ExrBuilder, ChunkCountsAndHeaderEndsFollowTheFormat)
 {
     const struct { Imf::Compression c; int chunks; } scanLine[] = {
-        {Imf::NO_COMPRESSION, 40}, {Imf::ZIPS_COMPRESSION, 40}, {Imf::ZIP_COMPRESSION, 3},
-        {Imf::PIZ_COMPRESSION, 2}, {Imf::DWAB_COMPRESSION, 1}};
+        {Imf::ZIPS_COMPRESSION, 40}, {Imf::ZIP_COMPRESSION, 3}, {Imf::PIZ_COMPRESSION, 2}, {Imf::DWAB_COMPRESSION, 1}};
     for (const auto& s : scanLine) {
         ExrPart part;
         part.displayWindow = box(0, 0, 9, 39);
@@ -91,7 +78,9 @@ TEST(ExrBuilder, ChunkCountsFollowCompressionAndTiling)
         const Bytes file = makeExr(part);
         EXPECT_EQ(chunkCount(file), s.chunks) << s.c;
         EXPECT_EQ(offsetTableEnd(file), headerEnd(file) + 8 * static_cast<size_t>(s.chunks));
-        EXPECT_EQ(chunkOffsets(file).front(), offsetTableEnd(file));
+        // The last attribute's value (screenWindowWidth, a float) ends right before the terminating zero.
+        EXPECT_EQ(findBytes(file, "screenWindowWidth") + sizeof("screenWindowWidth") + sizeof("float") + 8,
+                  headerEnd(file) - 1);
     }
     ExrPart mip;
     mip.displayWindow = box(0, 0, 15, 15);
@@ -100,31 +89,16 @@ TEST(ExrBuilder, ChunkCountsFollowCompressionAndTiling)
     EXPECT_EQ(chunkCount(makeExr(mip)), 8);
     mip.levelMode = Imf::RIPMAP_LEVELS;  // 5 x 5 levels: (2+1+1+1+1)^2 tiles
     EXPECT_EQ(chunkCount(makeExr(mip)), 36);
-}
+    EXPECT_THROW(headerEnd(truncated(makeExr(mip), 100)), std::out_of_range);
 
-TEST(ExrBuilder, HeaderEndIsWhereTheAttributeListStops)
-{
-    const Bytes file = makeExr(ExrPart());
-    const size_t end = headerEnd(file);
-    EXPECT_EQ(file[end - 1], 0);
-    // The last attribute's value ends right before the terminating zero: "screenWindowWidth" is a float.
-    const size_t last = findBytes(file, "screenWindowWidth");
-    ASSERT_NE(last, std::string::npos);
-    EXPECT_EQ(last + sizeof("screenWindowWidth") + sizeof("float") + 4 + 4, end - 1);
-    EXPECT_THROW(headerEnd(truncated(file, end - 1)), std::out_of_range);
-
-    ExrPart a;
-    a.name = "left";
-    ExrPart b;
-    b.name = "right";
-    b.tiled = true;
-    const Bytes multi = makeMultiPartExr({a, b});
-    const size_t multiEnd = headerEnd(multi);
-    EXPECT_EQ(multi[multiEnd - 1], 0);
-    EXPECT_EQ(multi[multiEnd - 2], 0);
-    EXPECT_EQ(offsetTableEnd(multi), multiEnd + 8 * static_cast<size_t>(chunkCount(multi, 0) + chunkCount(multi, 1)));
+    ExrPart right;
+    right.name = "right";
+    right.tiled = true;
+    const Bytes multi = makeMultiPartExr({ExrPart(), right});
+    const size_t end = headerEnd(multi);
+    EXPECT_EQ(multi[end - 1] | multi[end - 2], 0);  // the empty header after the last part
+    EXPECT_EQ(offsetTableEnd(multi), end + 8 * static_cast<size_t>(chunkCount(multi, 0) + chunkCount(multi, 1)));
     EXPECT_EQ(readExr(multi, 1).header.name(), "right");
-    EXPECT_NE(readExr(multi).version & 0x1000, 0);
 }
 
 TEST(ExrBuilder, DeepScanLinesKeepTheirFirstSample)
@@ -134,7 +108,6 @@ TEST(ExrBuilder, DeepScanLinesKeepTheirFirstSample)
     deep.channels = channelList({"A", "Z"}, Imf::FLOAT);
     deep.deepSamples = [](int x, int y) { return (x + y) % 3; };
     const DecodedExr d = readExr(makeExr(deep));
-    EXPECT_TRUE(d.header.hasType());
     EXPECT_EQ(d.header.type(), Imf::DEEPSCANLINE);
     EXPECT_EQ(d.channel("Z").at(1, 0), static_cast<float>(patternValue("Z", 1, 0)));
     EXPECT_EQ(d.channel("Z").at(0, 0), 0.0);  // no samples there
@@ -147,20 +120,17 @@ TEST(ExrBuilder, BuffersHoldThePrefixTheyAreTold)
     const Bytes file = makeExr(ExrPart());
     auto whole = fileBufferWith(file);
     EXPECT_EQ(whole->bufferSize, static_cast<long long>(file.size()) + 1);
-    EXPECT_EQ(whole->sizeLoaded, static_cast<long long>(file.size()));
     EXPECT_EQ(whole->fileSize, static_cast<long long>(file.size()));
     EXPECT_EQ(contentOf(*whole), file);
-
     auto head = fileBufferWith(file, 100);
-    EXPECT_EQ(head->sizeLoaded, 100);
     EXPECT_EQ(head->fileSize, static_cast<long long>(file.size()));
     EXPECT_EQ(contentOf(*head), truncated(file, 100));
+    EXPECT_EQ(fileBufferWith(file, 100, 100, 5000)->bufferSize, 5000);
 
-    auto roomy = fileBufferWith(file, 100, 100, 5000);
-    EXPECT_EQ(roomy->bufferSize, 5000);
-    EXPECT_EQ(roomy->fileSize, 100);
+    const GuardPagedFileBuffer guarded(file, 100);
+    EXPECT_EQ(contentOf(*guarded.get()), truncated(file, 100));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(guarded.get()->buffer + 100) % sysconf(_SC_PAGESIZE), 0u);
 
-    EXPECT_EQ(patched(file, 0, {0x77, 0x78})[1], 0x78);
-    EXPECT_EQ(static_cast<unsigned char>(withByteXor(file, 0, 0x0F)[0]), 0x76 ^ 0x0F);
+    EXPECT_EQ(littleEndianAt(patched(file, 1, {0x77, 0x78}), 0, 3), 0x787776u);
     EXPECT_EQ(findBytes(file, "channels"), 8u);
 }
