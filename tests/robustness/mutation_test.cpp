@@ -5,11 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,92 +21,73 @@ namespace {
 
 constexpr int kMutantsPerFile = 2000;
 
-// Draws from a fixed sequence: the engine's raw output is specified by the
-// standard, the library's distributions are not.
-class Draw {
-public:
-    explicit Draw(std::uint32_t seed) : engine(seed) {}
-    std::size_t below(std::size_t n) { return n == 0 ? 0 : engine() % n; }
-
-private:
-    std::mt19937 engine;
-};
-
-// One mutant of `file`. Half of the changes fall into the headers and
-// offset tables, where a byte decides how everything else is read.
-Bytes mutant(const Bytes& file, std::size_t opening, Draw& draw, std::string& what)
+// One mutant of `file`, drawn from a fixed sequence (the engine's raw output
+// is specified by the standard, the library's distributions are not). Half
+// of the changes fall into the headers and offset tables, where a byte
+// decides how everything else is read.
+Bytes mutant(const Bytes& file, std::size_t opening, std::mt19937& engine, std::string& what)
 {
+    auto below = [&](std::size_t n) { return n == 0 ? 0 : engine() % n; };
+    auto position = [&] { return below(2) ? below(opening) : below(file.size()); };
+    auto at = [](std::size_t n) { return static_cast<std::ptrdiff_t>(n); };
     Bytes out = file;
-    const std::size_t size = out.size();
-    auto position = [&] { return draw.below(2) ? draw.below(opening) : draw.below(size); };
-    std::ostringstream log;
-    switch (draw.below(4)) {
-    case 0: {  // a few bits flipped
-        const std::size_t count = 1 + draw.below(4);
-        for (std::size_t i = 0; i < count; ++i) {
-            const std::size_t at = position();
-            const auto mask = static_cast<char>(1 + draw.below(255));
-            out[at] = static_cast<char>(out[at] ^ mask);
-            log << "xor " << at << " ";
+    switch (below(4)) {
+    case 0:  // a few bits flipped
+        for (std::size_t i = 0, count = 1 + below(4); i < count; ++i) {
+            const std::size_t where = position();
+            out[where] = static_cast<char>(out[where] ^ static_cast<char>(1 + below(255)));
+            what += "xor " + std::to_string(where) + " ";
         }
         break;
-    }
     case 1: {  // a 32-bit field set to an extreme value
         static const std::uint32_t extremes[] = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x10000, 0xFFFF};
-        const std::size_t at = position();
-        const std::uint32_t v = extremes[draw.below(std::size(extremes))];
-        for (std::size_t i = 0; i < 4 && at + i < size; ++i) out[at + i] = static_cast<char>(v >> (8 * i));
-        log << "word " << v << " at " << at;
+        const std::size_t where = position();
+        const std::uint32_t v = extremes[below(std::size(extremes))];
+        for (std::size_t i = 0; i < 4 && where + i < file.size(); ++i) out[where + i] = static_cast<char>(v >> (8 * i));
+        what = "word " + std::to_string(v) + " at " + std::to_string(where);
         break;
     }
     case 2: {  // a range copied over another place
-        const std::size_t from = position(), length = 1 + draw.below(64), to = position();
-        for (std::size_t i = 0; i < length && from + i < size && to + i < size; ++i) out[to + i] = file[from + i];
-        log << "copy " << from << "+" << length << " to " << to;
+        const std::size_t from = position(), length = 1 + below(64), to = position();
+        for (std::size_t i = 0; i < length && from + i < file.size() && to + i < file.size(); ++i) out[to + i] = file[from + i];
+        what = "copy " + std::to_string(from) + "+" + std::to_string(length) + " to " + std::to_string(to);
         break;
     }
     default: {  // a range duplicated in place: the file grows
-        const std::size_t from = position(), length = 1 + draw.below(64);
-        const std::size_t end = std::min(size, from + length);
-        out.insert(out.begin() + static_cast<std::ptrdiff_t>(end), file.begin() + static_cast<std::ptrdiff_t>(from),
-                   file.begin() + static_cast<std::ptrdiff_t>(end));
-        log << "duplicate " << from << "+" << length;
-        break;
+        const std::size_t from = position(), length = 1 + below(64), end = std::min(file.size(), from + length);
+        out.insert(out.begin() + at(end), file.begin() + at(from), file.begin() + at(end));
+        what = "duplicate " + std::to_string(from) + "+" + std::to_string(length);
     }
     }
-    what = log.str();
     return out;
 }
 
 }  // namespace
 
+// Every mutant, whole and half loaded, gets one of the documented codes;
+// refusals of a whole file come with an error text.
 TEST(Mutation, EveryMutantGetsADocumentedCode)
 {
     long long mutants = 0, calls = 0;
     std::uint32_t seed = 20240611;
     for (const SampleFile& sample : sampleFiles()) {
         SCOPED_TRACE(sample.name);
-        Draw draw(seed++);
+        std::mt19937 engine(seed++);
         const std::size_t opening = offsetTableEnd(sample.bytes);
         int reported = 0;
         for (int n = 0; n < kMutantsPerFile; ++n) {
             std::string what;
-            const Bytes file = mutant(sample.bytes, opening, draw, what);
-            std::string text, again;
+            const Bytes file = mutant(sample.bytes, opening, engine, what);
+            std::string text;
             const int header = loadHeader(file, kWhole, kWhole, &text);
-            // The same answer on a second look: nothing depends on stale memory.
-            const int second = loadHeader(file, kWhole, kWhole, &again);
             const int partial = loadHeader(file, static_cast<long long>(file.size() / 2), kWhole);
-            const int depth = n % 3 == 0 ? 8 : n % 3 == 1 ? 16 : 32;
-            const int decoded = decode(depth, file);
-            calls += 4;
+            const int decoded = decode(n % 3 == 0 ? 8 : n % 3 == 1 ? 16 : 32, file);
+            calls += 3;
             ++mutants;
-            const bool ok = isHeaderCode(header) && header != 16 && second == header && again == text &&
-                            isHeaderCode(partial) && isDecodeCode(decoded) &&
+            const bool ok = isHeaderCode(header) && header != 16 && isHeaderCode(partial) && isDecodeCode(decoded) &&
                             (header == 1 || header == 6 || text.find(" ERR: ") != std::string::npos);
             if (!ok && reported++ < 10)
-                ADD_FAILURE() << what << ": header " << header << " (" << text << "), again " << second << " ("
-                              << again << "), partial " << partial << ", decode " << decoded;
+                ADD_FAILURE() << what << ": header " << header << " (" << text << "), partial " << partial << ", decode " << decoded;
         }
     }
     std::printf("[ figures  ] mutation: %lld mutants, %lld calls\n", mutants, calls);

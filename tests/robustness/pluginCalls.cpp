@@ -7,7 +7,6 @@
 #include <new>
 #include <stdexcept>
 
-#include "image/rgbaBuffer.h"
 #include "plugin/exrMetadata.h"
 #include "plugin/ktImageExr.h"
 
@@ -19,31 +18,24 @@ namespace {
 
 std::atomic<std::size_t> largestRequest{0};
 
-void note(std::size_t size)
+void* allocate(std::size_t size)
 {
     std::size_t seen = largestRequest.load(std::memory_order_relaxed);
     while (size > seen && !largestRequest.compare_exchange_weak(seen, size, std::memory_order_relaxed)) {
     }
+    return std::malloc(size == 0 ? 1 : size);
 }
 
-void* allocate(std::size_t size)
+void* allocateOrThrow(std::size_t size)
 {
-    note(size);
-    return std::malloc(size == 0 ? 1 : size);
+    if (void* p = allocate(size)) return p;
+    throw std::bad_alloc();
 }
 
 }  // namespace
 
-void* operator new(std::size_t size)
-{
-    if (void* p = allocate(size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size)
-{
-    if (void* p = allocate(size)) return p;
-    throw std::bad_alloc();
-}
+void* operator new(std::size_t size) { return allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* p) noexcept { std::free(p); }
@@ -56,17 +48,9 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); 
 namespace kt::robust {
 
 LargestAllocation::LargestAllocation() { largestRequest.store(0); }
-
 std::size_t LargestAllocation::bytes() const { return largestRequest.load(); }
 
 namespace {
-
-// The metadata record is large; one per thread, reused.
-ktExrHeaderData& metadataRecord()
-{
-    thread_local std::unique_ptr<ktExrHeaderData> record = std::make_unique<ktExrHeaderData>();
-    return *record;
-}
 
 template <class Buffer>
 int decodeInto(int (*decoder)(imgCallRecord*), ktP::_imgFileBuffer* file)
@@ -80,22 +64,20 @@ int decodeInto(int (*decoder)(imgCallRecord*), ktP::_imgFileBuffer* file)
 
 }  // namespace
 
-int loadHeader(const Bytes& file, long long sizeLoaded, long long fileSize, std::string* text)
+int loadHeader(const Bytes& file, long long sizeLoaded, long long fileSize, std::string* text, imgImageInfo* info)
 {
-    auto buffer = kt::test::fileBufferWith(file, sizeLoaded, fileSize);
-    imgImageInfo info{};
-    imgCallRecord call{buffer.get(), &info, &metadataRecord(), nullptr};
+    kt::test::GuardPagedFileBuffer buffer(file, sizeLoaded, fileSize);
+    thread_local std::unique_ptr<ktExrHeaderData> metadata = std::make_unique<ktExrHeaderData>();  // large: one per thread
+    imgImageInfo local{};
+    imgCallRecord call{buffer.get(), info ? info : &local, metadata.get(), nullptr};
     const int code = imgLoadHeader(&call);
-    if (text) {
-        text->clear();
-        for (int i = 0; i < info.infoText.length; ++i) *text += static_cast<char>(info.infoText.text[i]);
-    }
+    if (text) *text = kt::test::textOf((info ? info : &local)->infoText);
     return code;
 }
 
 int decode(int depth, const Bytes& file, long long sizeLoaded, long long fileSize)
 {
-    auto buffer = kt::test::fileBufferWith(file, sizeLoaded, fileSize);
+    kt::test::GuardPagedFileBuffer buffer(file, sizeLoaded, fileSize);
     switch (depth) {
     case 8: return decodeInto<ktP::_imgRGBABuffer8>(imgDecode8, buffer.get());
     case 16: return decodeInto<ktP::_imgRGBABuffer16>(imgDecode16, buffer.get());
@@ -103,12 +85,20 @@ int decode(int depth, const Bytes& file, long long sizeLoaded, long long fileSiz
     }
 }
 
-bool isHeaderCode(int code) { return code == 1 || code == 4 || code == 6 || code == 14 || code == 16; }
+std::unique_ptr<ktP::_imgRGBABufferf> decodeFloat(const Bytes& file, int width, int height)
+{
+    auto out = std::make_unique<ktP::_imgRGBABufferf>(static_cast<unsigned>(width * height));
+    out->setWidth(width);
+    out->setHeight(height);
+    kt::test::GuardPagedFileBuffer buffer(file);
+    imgCallRecord call{buffer.get(), out.get(), nullptr, nullptr};
+    return imgDecodef(&call) == 1 ? std::move(out) : nullptr;
+}
 
+bool isHeaderCode(int code) { return code == 1 || code == 4 || code == 6 || code == 14 || code == 16; }
 bool isDecodeCode(int code) { return code == 1 || code == 4 || code == 6 || code == 7 || code == 14; }
 
-Bytes withAttributeWords(const Bytes& file, const std::string& name, int offset,
-                         std::initializer_list<std::uint32_t> words)
+Bytes withAttributeWords(const Bytes& file, const std::string& name, int offset, std::initializer_list<std::uint32_t> words)
 {
     const std::size_t at = kt::test::findBytes(file, name + std::string(1, '\0'));
     if (at == std::string::npos) throw std::invalid_argument("no attribute " + name);

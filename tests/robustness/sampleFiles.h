@@ -14,10 +14,10 @@ struct SampleFile {
     kt::test::Bytes bytes;
 };
 
-// Scan-line and tiled (one level, mip-mapped, rip-mapped), every lossless
-// and two lossy compressions, half, float and unsigned channels, data
-// windows inside and across the display window, render metadata and other
-// attributes, luminance/chroma, multi-part and deep files. A few kB each.
+// Scan-line and tiled (one level, mip-mapped, rip-mapped), every lossless and
+// two lossy compressions, half, float and unsigned channels, data windows
+// inside and across the display window, metadata, luminance/chroma,
+// multi-part and deep files. A few kB each.
 std::vector<SampleFile> sampleFiles();
 
 }  // namespace kt::robust
