@@ -6,9 +6,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "image/fileBuffer.h"
@@ -22,7 +20,7 @@ namespace {
 std::unique_ptr<_imgFileBuffer> holding(const Bytes& bytes, unsigned spare = 1)
 {
     auto b = std::make_unique<_imgFileBuffer>(static_cast<unsigned>(bytes.size()) + spare);
-    if (!bytes.empty()) std::memcpy(b->buffer, bytes.data(), bytes.size());
+    std::memcpy(b->buffer, bytes.data(), bytes.size());
     b->setSizeLoaded(static_cast<long long>(bytes.size()));
     b->setFileSize(static_cast<long long>(bytes.size()));
     return b;
@@ -34,35 +32,29 @@ Bytes written(const _imgFileBuffer& b) { return Bytes(b.buffer, b.buffer + b.fil
 using Fields = std::array<long long, 4>;
 Fields fields(const _imgFileBuffer& b) { return {b.bufferSize, b.sizeLoaded, b.fileSize, b.bufPosition}; }
 
-// One read of either family, run at `pos` (the sequential ones from a cursor
-// placed there). `bits` carries the out-value's bytes, zero-extended: in, the
-// value it starts with; out, the value it ends with. `own` and `other` are
-// the results for the bytes 01 02 03 ... in the buffer's own order and in the other.
+// One read run at `pos` (the sequential ones from a cursor placed there). `bits` holds the out-value's bytes,
+// zero-extended, before and after; `own` and `other` are the results for the bytes 01 02 03 ... in the buffer's
+// own order and in the other.
 struct Read {
     const char* name;
     int width, size;
     bool positional;
-    std::function<bool(_imgFileBuffer&, int pos, bool bigEndian, std::uint64_t& bits)> run;
+    bool (*run)(_imgFileBuffer& b, int pos, bool bigEndian, std::uint64_t& bits);
     std::uint64_t own, other;
 };
 
-template <class T, class Call>
-Read read(const char* name, int width, bool positional, Call call, std::uint64_t own, std::uint64_t other)
-{
-    auto run = [=](_imgFileBuffer& b, int pos, bool big, std::uint64_t& bits) {
-        if (!positional) b.setBufPosition(pos);
-        T value;
-        std::memcpy(&value, &bits, sizeof value);
-        const bool ok = call(b, value, pos, big);
-        bits = 0;
-        std::memcpy(&bits, &value, sizeof value);
-        return ok;
-    };
-    return {name, width, static_cast<int>(sizeof(T)), positional, run, own, other};
-}
-
-#define KT_READ(T, width, positional, call, own, other) \
-    read<T>(#call, width, positional, [](auto& b, auto& v, int p, bool e) { (void)p, (void)e; return b.call; }, own, other)
+#define KT_READ(T, width, positional, call, own, other)                   \
+    Read{#call, width, sizeof(T), positional,                             \
+         [](_imgFileBuffer& b, int p, bool e, std::uint64_t& bits) {      \
+             if (!positional) b.setBufPosition(p);                        \
+             T v;                                                         \
+             std::memcpy(&v, &bits, sizeof v);                            \
+             const bool ok = b.call;                                      \
+             bits = 0;                                                    \
+             std::memcpy(&bits, &v, sizeof v);                            \
+             return (void)e, ok;                                          \
+         },                                                               \
+         own, other}
 
 const Read kReads[] = {
     KT_READ(unsigned char, 1, false, readUint8(v), 0x01, 0x01),
@@ -90,7 +82,7 @@ class FileBufferBytes : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (__BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__) GTEST_SKIP() << "expected bytes are written for a little-endian machine";
+        if (__BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__) GTEST_SKIP() << "expected bytes are written for little-endian";
     }
 };
 
@@ -100,35 +92,24 @@ TEST(FileBuffer, FreshBufferIsEmptyAndCapacityZeroRefusesEverything)
 {
     _imgFileBuffer b(100);
     EXPECT_EQ(fields(b), (Fields{100, 0, 0, 0}));
-    EXPECT_FALSE(b.isBigEndian);
-    EXPECT_EQ(b.name.length, 0);
-    EXPECT_EQ(b.name.text[0], 0);
+    EXPECT_TRUE(!b.isBigEndian && b.name.length == 0 && b.name.text[0] == 0);
     std::memset(b.buffer, 0x5A, 104);  // the spare bytes are allocated too (ASan checks)
 
     for (unsigned size : {0u, 0xFFFFFFFFu, 0xFFFFFFFCu}) {  // the last two would wrap size + 4
         _imgFileBuffer empty(size);
-        EXPECT_EQ(empty.bufferSize, 0) << size;
         unsigned char byte = 7;
-        EXPECT_FALSE(empty.readUint8(byte));
-        EXPECT_FALSE(empty.writeUint8(byte));
-        EXPECT_FALSE(empty.writeString(""));  // 0 + 0 >= 0
-        EXPECT_EQ(empty.setSizeLoaded(5), -1);
-        EXPECT_FALSE(empty.setBufPosition(0));
+        EXPECT_TRUE(empty.bufferSize == 0 && !empty.readUint8(byte) && !empty.writeUint8(byte)) << size;
+        EXPECT_TRUE(!empty.writeString("") && empty.setSizeLoaded(5) == -1 && !empty.setBufPosition(0)) << size;
     }
 }
 
 // sizeLoaded stays below the capacity and above -1; fileSize is stored even when too large.
 TEST(FileBuffer, SizesAreClampedOrReported)
 {
-    const struct { long long in, stored; } cases[] = {{100, 99}, {99, 99}, {LLONG_MAX, 99}, {0, 0}, {-5, 0}};
     _imgFileBuffer b(100);
-    for (const auto& c : cases) {
-        EXPECT_EQ(b.setSizeLoaded(c.in), c.stored) << c.in;
-        EXPECT_EQ(b.sizeLoaded, c.stored);
-    }
-    EXPECT_FALSE(b.setFileSize(150));
-    EXPECT_EQ(b.fileSize, 150);
-    EXPECT_TRUE(b.setFileSize(100));
+    const long long cases[][2] = {{100, 99}, {99, 99}, {LLONG_MAX, 99}, {0, 0}, {-5, 0}};
+    for (const auto& c : cases) EXPECT_TRUE(b.setSizeLoaded(c[0]) == c[1] && b.sizeLoaded == c[1]) << c[0];
+    EXPECT_TRUE(!b.setFileSize(150) && b.fileSize == 150 && b.setFileSize(100));
 }
 
 // Positions 0..sizeLoaded are valid; moving forward onto or past the end
@@ -136,9 +117,10 @@ TEST(FileBuffer, SizesAreClampedOrReported)
 TEST(FileBuffer, ReadCursorPositioning)
 {
     const struct { long long start, arg; bool relative, ok; long long after; } cases[] = {
-        {4, 10, false, true, 10}, {4, 11, false, false, 4}, {4, -1, false, false, 4},   {4, 0, false, true, 0},
-        {8, 1, true, true, 9},    {8, 2, true, false, 10},  {8, 50, true, false, 10},   {10, -11, true, false, 10},
-        {10, -10, true, true, 0}, {5, 0, true, true, 5},    {5, LLONG_MAX, true, false, 10}, {5, LLONG_MIN, true, false, 5},
+        {4, 10, false, true, 10}, {4, 11, false, false, 4}, {4, -1, false, false, 4}, {4, 0, false, true, 0},
+        {8, 1, true, true, 9},    {8, 2, true, false, 10},  {8, 50, true, false, 10}, {10, -11, true, false, 10},
+        {10, -10, true, true, 0}, {5, 0, true, true, 5},    {5, LLONG_MAX, true, false, 10},
+        {5, LLONG_MIN, true, false, 5},
     };
     for (const auto& c : cases) {
         _imgFileBuffer b(100);
@@ -154,9 +136,9 @@ TEST(FileBuffer, ReadCursorPositioning)
 TEST(FileBuffer, SetBufPositionWriteJudgesLow32Bits)
 {
     const long long k4G = 1LL << 32;
-    const struct { long long pos; bool extend; bool ok; long long cursor, loaded; } cases[] = {
-        {-1, true, false, 3, 10},    {100, false, true, 100, 10},      {101, false, false, 3, 10},
-        {20, false, true, 20, 10},   {20, true, true, 20, 20},          {5, true, true, 5, 10},
+    const struct { long long pos; bool extend, ok; long long cursor, loaded; } cases[] = {
+        {-1, true, false, 3, 10},    {100, false, true, 100, 10},          {101, false, false, 3, 10},
+        {20, false, true, 20, 10},   {20, true, true, 20, 20},             {5, true, true, 5, 10},
         {100, true, true, 100, 100}, {k4G + 50, false, true, k4G + 50, 10}, {k4G - 1, false, false, 3, 10}};
     for (const auto& c : cases) {
         _imgFileBuffer b(100);
@@ -176,22 +158,16 @@ TEST_F(FileBufferBytes, WritesInBothByteOrders)
                        0xFF, 0xFF, 0x00, 0x00, 0xC0, 0xBF, 0x80, 0xFF, 0, 0, 0, 0, 0, 0, 0xF0, 0x3F};
     const Bytes other = {0xAB, 0xCD, 0xFF, 0xFE, 0x12, 0x34, 0x56, 0x12, 0x34, 0x56, 0x78, 0xFF, 0xFF,
                          0xFF, 0xFE, 0xBF, 0xC0, 0x00, 0x00, 0x80, 0xFF, 0, 0, 0, 0, 0, 0, 0xF0, 0x3F};
-    for (bool machineBig : {false, true}) {
-        for (bool big : {false, true}) {
-            _imgFileBuffer b(64);
-            b.isBigEndian = machineBig;
-            EXPECT_TRUE(b.writeUint16(0xABCD, big));
-            EXPECT_TRUE(b.writeSint16(-2, big));
-            EXPECT_TRUE(b.writeUint24(0xAB123456u, big));  // the top byte is not written
-            EXPECT_TRUE(b.writeUint32(0x12345678u, big));
-            EXPECT_TRUE(b.writeSint32(-2, big));
-            EXPECT_TRUE(b.writefloat(-1.5f, big));
-            EXPECT_TRUE(b.writeUint8(0x80));
-            EXPECT_TRUE(b.writeSint8(-1));
-            EXPECT_TRUE(b.writedouble(1.0));  // always machine order
-            EXPECT_EQ(written(b), big == machineBig ? own : other) << "isBigEndian " << machineBig << ", bigEndian " << big;
-            EXPECT_EQ(fields(b), (Fields{64, 29, 29, 29}));
-        }
+    for (int order = 0; order < 4; ++order) {
+        const bool machineBig = order & 1, big = order & 2;
+        _imgFileBuffer b(64);
+        b.isBigEndian = machineBig;
+        EXPECT_TRUE(b.writeUint16(0xABCD, big) && b.writeSint16(-2, big));
+        EXPECT_TRUE(b.writeUint24(0xAB123456u, big));  // the top byte is not written
+        EXPECT_TRUE(b.writeUint32(0x12345678u, big) && b.writeSint32(-2, big) && b.writefloat(-1.5f, big));
+        EXPECT_TRUE(b.writeUint8(0x80) && b.writeSint8(-1) && b.writedouble(1.0));  // double: always machine order
+        EXPECT_EQ(written(b), big == machineBig ? own : other) << "isBigEndian " << machineBig << ", bigEndian " << big;
+        EXPECT_EQ(fields(b), (Fields{64, 29, 29, 29}));
     }
 }
 
@@ -222,19 +198,8 @@ TEST_F(FileBufferBytes, EveryReadInBothByteOrdersUpToTheLoadedData)
         EXPECT_FALSE(r.run(*b, past, true, bits)) << r.name;
         EXPECT_EQ(fields(*b), (Fields{20, 16, 16, r.positional ? 0 : past})) << r.name;
         const std::uint64_t mask = r.size == 8 ? ~0ull : (1ull << (8 * r.size)) - 1;
-        EXPECT_EQ(bits, std::string(r.name) == "readUint16(v, e)" ? 0 : marker & mask) << r.name;
+        EXPECT_EQ(bits, std::strcmp(r.name, "readUint16(v, e)") == 0 ? 0 : marker & mask) << r.name;
     }
-}
-
-// The 24-bit read loads four bytes: at the very end of the capacity the fourth is a spare one.
-TEST_F(FileBufferBytes, Uint24AtTheEndOfTheCapacityLoadsASpareByte)
-{
-    auto b = holding({0x56, 0x34, 0x12}, 0);
-    ASSERT_TRUE(b->setBufPositionWrite(3, true));  // the capacity itself as the end of the data
-    ASSERT_TRUE(b->setBufPosition(0));
-    unsigned v = 0;
-    EXPECT_TRUE(b->readUint24(v, false));
-    EXPECT_EQ(v & 0xFFFFFFu, 0x123456u);
 }
 
 // With k bytes of data in a capacity of 12, a write of w bytes fits iff
@@ -246,14 +211,11 @@ TEST(FileBuffer, WriteBoundForEveryWidth)
             _imgFileBuffer b(12);
             ASSERT_TRUE(b.setBufPositionWrite(k, true));
             const Fields before = fields(b);
-            bool ok = false;
-            switch (width) {
-                case 1: ok = b.writeUint8(1); break;
-                case 2: ok = b.writeUint16(1, false); break;
-                case 3: ok = b.writeUint24(1, true); break;
-                case 4: ok = b.writefloat(1.0f, true); break;
-                default: ok = b.writedouble(1.0); break;
-            }
+            const bool ok = width == 1 ? b.writeUint8(1)
+                          : width == 2 ? b.writeUint16(1, false)
+                          : width == 3 ? b.writeUint24(1, true)
+                          : width == 4 ? b.writefloat(1.0f, true)
+                                       : b.writedouble(1.0);
             const bool fits = k + width <= 11;
             EXPECT_EQ(ok, fits) << "width " << width << " after " << k;
             EXPECT_EQ(fields(b), (fits ? Fields{12, k + width, k + width, k + width} : before)) << width << " " << k;
@@ -265,79 +227,56 @@ TEST(FileBuffer, WriteBoundForEveryWidth)
 // the data cannot carry a write to the last byte either.
 TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
 {
-    _imgFileBuffer b(10);
+    _imgFileBuffer b(10), parked(10);
     unsigned char eight[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ASSERT_TRUE(b.writeBuffer(eight, 8));
-    ASSERT_TRUE(b.setBufPositionWrite(0, false));
+    ASSERT_TRUE(b.writeBuffer(eight, 8) && b.setBufPositionWrite(0, false));
     EXPECT_FALSE(b.writeUint16(0x9999, false));  // 8 + 2 reaches the capacity, though at 0
     EXPECT_TRUE(b.writeUint8(0x99));
-    EXPECT_EQ(fields(b), (Fields{10, 8, 8, 1}));
-    EXPECT_EQ(b.buffer[1], 2);
+    EXPECT_TRUE(fields(b) == (Fields{10, 8, 8, 1}) && b.buffer[1] == 2);
 
-    _imgFileBuffer parked(10);
-    ASSERT_TRUE(parked.setBufPositionWrite(9, false));
-    EXPECT_FALSE(parked.writeUint8(1));
-    ASSERT_TRUE(parked.setBufPositionWrite(8, false));
-    EXPECT_TRUE(parked.writeUint8(1));
+    EXPECT_TRUE(parked.setBufPositionWrite(9, false) && !parked.writeUint8(1));
+    EXPECT_TRUE(parked.setBufPositionWrite(8, false) && parked.writeUint8(1));
     EXPECT_EQ(fields(parked), (Fields{10, 9, 9, 9}));
 }
 
+// Strings go without their terminating zero; null and negative counts are refused.
 TEST(FileBuffer, StringAndBlockTransfers)
 {
     _imgFileBuffer b(10);
     std::memset(b.buffer, 0xEE, 10);
-    EXPECT_TRUE(b.writeString("ab"));
-    EXPECT_TRUE(b.writeString(""));
-    EXPECT_FALSE(b.writeString(nullptr));
-    unsigned char src[4] = {0xC3, 0xA9, 7, 6};
-    EXPECT_TRUE(b.writeBuffer(src, 0));
-    EXPECT_TRUE(b.writeBuffer(nullptr, 0));
-    EXPECT_FALSE(b.writeBuffer(nullptr, 4));
-    EXPECT_FALSE(b.writeBuffer(src, -1));
+    unsigned char src[4] = {0xC3, 0xA9, 7, 6}, dst[4] = {0, 0, 0, 0};
+    EXPECT_TRUE(b.writeString("ab") && b.writeString("") && b.writeBuffer(src, 0) && b.writeBuffer(nullptr, 0));
+    EXPECT_TRUE(!b.writeString(nullptr) && !b.writeBuffer(nullptr, 4) && !b.writeBuffer(src, -1));
     EXPECT_TRUE(b.writeBuffer(src, 2));
-    EXPECT_EQ(written(b), (Bytes{'a', 'b', 0xC3, 0xA9}));  // no terminating zero
-    EXPECT_EQ(b.buffer[4], 0xEE);
+    EXPECT_TRUE(written(b) == (Bytes{'a', 'b', 0xC3, 0xA9}) && b.buffer[4] == 0xEE);
     EXPECT_FALSE(b.writeString("abcdef"));  // 4 + 6 reaches 10
 
     ASSERT_TRUE(b.setBufPosition(1));
-    unsigned char dst[4] = {0, 0, 0, 0};
-    EXPECT_FALSE(b.readBuffer(dst, 4));
-    EXPECT_FALSE(b.readBuffer(nullptr, 3));
-    EXPECT_FALSE(b.readBuffer(dst, -1));
-    EXPECT_TRUE(b.readBuffer(dst, 3));
-    EXPECT_EQ((Bytes{dst, dst + 4}), (Bytes{'b', 0xC3, 0xA9, 0}));
-    EXPECT_EQ(b.bufPosition, 4);
+    EXPECT_TRUE(!b.readBuffer(dst, 4) && !b.readBuffer(nullptr, 3) && !b.readBuffer(dst, -1) && b.readBuffer(dst, 3));
+    EXPECT_TRUE((Bytes{dst, dst + 4}) == (Bytes{'b', 0xC3, 0xA9, 0}) && b.bufPosition == 4);
 
-    EXPECT_TRUE(b.readBufferP(dst, 2, 2));
+    EXPECT_TRUE(b.readBufferP(dst, 2, 2) && b.readBufferP(dst, 0, 4));
     EXPECT_EQ((Bytes{dst, dst + 2}), (Bytes{0xC3, 0xA9}));
-    EXPECT_TRUE(b.readBufferP(dst, 0, 4));
     const int bad[][2] = {{3, 2}, {2, -1}, {-1, 2}};  // {count, pos}
     for (const auto& c : bad) EXPECT_FALSE(b.readBufferP(dst, c[0], c[1])) << c[0] << " at " << c[1];
-    EXPECT_FALSE(b.readBufferP(nullptr, 1, 0));
-    EXPECT_EQ(b.bufPosition, 4);
-    EXPECT_TRUE(b.writeString("abcde"));  // exactly up to the last byte but one
-    EXPECT_EQ(fields(b), (Fields{10, 9, 9, 9}));
+    EXPECT_TRUE(!b.readBufferP(nullptr, 1, 0) && b.bufPosition == 4);
+    EXPECT_TRUE(b.writeString("abcde") && fields(b) == (Fields{10, 9, 9, 9}));  // up to the last byte but one
 }
 
 TEST(PluginBuffer, ReadsTheRecordRawFromTheCursor)
 {
-    Bytes data(ktP::_imgPluginBuffer::kSize + 8);
+    constexpr int kSize = ktP::_imgPluginBuffer::kSize;
+    Bytes data(kSize + 8);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + 1);
     auto b = holding(data);
     auto record = std::make_unique<ktP::_imgPluginBuffer>();
-    std::memset(record->data, 0xEE, sizeof record->data);
+    std::memset(record->data, 0xEE, kSize);
 
-    for (short bad : {short{0}, short{-1}, short{ktP::_imgPluginBuffer::kSize + 1}}) {
-        EXPECT_FALSE(record->readfromFileBuffer(b.get(), bad)) << bad;
-        EXPECT_EQ(b->bufPosition, 0);
-        EXPECT_EQ(record->data[0], 0xEE);
-    }
-    EXPECT_FALSE(record->readfromFileBuffer(nullptr, 4));
+    for (short bad : {short{0}, short{-1}, short{kSize + 1}}) EXPECT_FALSE(record->readfromFileBuffer(b.get(), bad));
+    EXPECT_TRUE(!record->readfromFileBuffer(nullptr, 4) && b->bufPosition == 0 && record->data[0] == 0xEE);
 
-    ASSERT_TRUE(b->setBufPosition(3));
-    EXPECT_TRUE(record->readfromFileBuffer(b.get(), 5));
+    EXPECT_TRUE(b->setBufPosition(3) && record->readfromFileBuffer(b.get(), 5));
     EXPECT_EQ((Bytes{record->data, record->data + 6}), (Bytes{22, 29, 36, 43, 50, 0xEE}));
-    EXPECT_TRUE(record->readfromFileBuffer(b.get(), ktP::_imgPluginBuffer::kSize));
-    EXPECT_EQ(0, std::memcmp(record->data, data.data() + 8, sizeof record->data));
+    EXPECT_TRUE(record->readfromFileBuffer(b.get(), kSize) && std::memcmp(record->data, data.data() + 8, kSize) == 0);
     EXPECT_FALSE(record->readfromFileBuffer(b.get(), 1));  // nothing left
 }
