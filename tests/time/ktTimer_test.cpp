@@ -15,7 +15,7 @@ namespace {
 TEST(KtTimerText, FixedMilliseconds)
 {
     const struct { unsigned int ms; const char* text; } cases[] = {
-        {0, ".00s.ms"},   {9, ".00s.ms"},    {10, ".01s.ms"},         {999, ".99s.ms"},
+        {0, ".00s.ms"},    {9, ".00s.ms"},     {10, ".01s.ms"},    {999, ".99s.ms"},
         {1000, ".00s.ms"}, {1001, "1.00s.ms"}, {3250, "3.25s.ms"}, {0xFFFFFFFF, "4294967.29s.ms"},
     };
     for (const auto& c : cases) {
@@ -52,13 +52,11 @@ TEST(KtTimer, ReadsTheWallClockAndRestartsFromTheReadingItReturns)
     const unsigned int first = timer.restart();
     EXPECT_GE(first, 7000u * 1000);
     EXPECT_LT(timer.elapsed(), first);
-
     timer.startMs -= 7000 * 1000;
-    const std::string full = timer.restartAndString8().text;
-    EXPECT_THAT(full, testing::MatchesRegex(R"(700[0-9]\.[0-9][0-9]s\.ms)"));
-    EXPECT_LT(std::string(timer.restartAndString8().text).size(), full.size());
-    timer.start();
-    EXPECT_THAT(timer.elapsedString8().text, testing::MatchesRegex(R"(([1-9][0-9]*)?\.[0-9][0-9]s\.ms)"));
+    EXPECT_THAT(timer.restartAndString8().text, testing::MatchesRegex(R"(700[0-9]\.[0-9][0-9]s\.ms)"));
+    EXPECT_LT(timer.elapsed(), 7000u * 1000);
+    timer.startMs -= 5000 * 1000;
+    EXPECT_THAT(timer.elapsedString8().text, testing::MatchesRegex(R"(500[0-9]\.[0-9][0-9]s\.ms)"));
 }
 
 }  // namespace
