@@ -19,38 +19,27 @@ const unsigned kDark[29] = {
     0xFF222222, 0xFFDD4400, 0xFFAA2200, 0xFF557777, 0xFF666666, 0xFF999999, 0xFFAAAAAA, 0xFF880088,
     0xFF2A2A2A, 0x0FCCCCCC, 0xFF666666, 0xFF555555, 0xFF609DCC,
 };
-const unsigned kLightJobs[11] = {0xFFEEEEEE, 0xFFFFCCCC, 0xFFBBFFAA, 0xFFAACCFF, 0xFFFFFFCC, 0xFFEECCFF,
-                                 0xFFCCFFFF, 0xFF999999, 0xFFFF0000, 0xFF00FF00, 0xFF6666FF};
-// The light job colours at 65 %, each colour byte truncated, alpha kept.
-const unsigned kDarkJobs[11] = {0xFF9A9A9A, 0xFFA58484, 0xFF79A56E, 0xFF6E84A5, 0xFFA5A584, 0xFF9A84A5,
-                                0xFF84A5A5, 0xFF636363, 0xFFA50000, 0xFF00A500, 0xFF4242A5};
+const unsigned kJobs[11] = {0xFFEEEEEE, 0xFFFFCCCC, 0xFFBBFFAA, 0xFFAACCFF, 0xFFFFFFCC, 0xFFEECCFF,
+                            0xFFCCFFFF, 0xFF999999, 0xFFFF0000, 0xFF00FF00, 0xFF6666FF};
 
-void expectScheme(const unsigned (&colors)[29], const unsigned (&jobs)[11])
-{
-    const _intList_Colors table;
-    const _intList_jobColors jobTable;
-    for (int i = 0; i < 40; ++i) EXPECT_EQ(table[i], i < 29 ? colors[i] : 0u) << "slot " << i;
-    for (int i = 0; i < 11; ++i) EXPECT_EQ(jobTable[i], jobs[i]) << "job colour " << i;
-}
-
-// Each scheme overwrites both tables whole (unused slots included), and the
-// dark one refills the job colours before darkening them, so that applying it
-// twice does not darken them twice.
+// Each scheme overwrites both tables whole (unused slots included). The dark
+// one takes the light job colours to 65 % (colour bytes truncated, alpha kept)
+// from the light ones every time, so applying it twice does not darken twice.
 TEST(TableColors, EverySchemeOverwritesBothTablesWhole)
 {
     for (unsigned word : lib_colors) EXPECT_EQ(word, 0u) << "before any scheme";
     for (unsigned word : lib_jobColors) EXPECT_EQ(word, 0u) << "before any scheme";
-    lib_colors[35] = 0x12345678u;
-    ktStyle_setTableColorsLight();
-    expectScheme(kLight, kLightJobs);
-    lib_colors[39] = 1u;
-    ktStyle_setTableColorsDark();
-    expectScheme(kDark, kDarkJobs);
-    ktStyle_setTableColorsDark();
-    expectScheme(kDark, kDarkJobs);
-    ktStyle_setTableColorsLight();
-    expectScheme(kLight, kLightJobs);
-    EXPECT_EQ(&_intList_jobColors()[10], &lib_jobColors[10]);
+    for (bool dark : {false, true, true, false}) {
+        lib_colors[35] = 0x12345678u;
+        dark ? ktStyle_setTableColorsDark() : ktStyle_setTableColorsLight();
+        for (int i = 0; i < 40; ++i) EXPECT_EQ(_intList_Colors()[i], i >= 29 ? 0u : dark ? kDark[i] : kLight[i]) << i;
+        for (int i = 0; i < 11; ++i) {
+            unsigned want = kJobs[i];
+            for (int shift = 0; dark && shift < 24; shift += 8)
+                want = (want & ~(0xFFu << shift)) | ((kJobs[i] >> shift & 0xFFu) * 65 / 100) << shift;
+            EXPECT_EQ(_intList_jobColors()[i], want) << "job colour " << i << (dark ? " dark" : " light");
+        }
+    }
 }
 
 }  // namespace
