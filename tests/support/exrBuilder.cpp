@@ -19,12 +19,13 @@
 #include <OpenEXR/ImfTiledOutputPart.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
+#include <type_traits>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -60,47 +61,28 @@ std::size_t sampleSize(Imf::PixelType type) { return type == Imf::HALF ? 2 : 4; 
 
 void storeSample(unsigned char* at, Imf::PixelType type, double v)
 {
-    if (type == Imf::HALF) {
-        const std::uint16_t bits = half(static_cast<float>(v)).bits();
-        std::memcpy(at, &bits, 2);
-    } else if (type == Imf::FLOAT) {
-        const float f = static_cast<float>(v);
-        std::memcpy(at, &f, 4);
-    } else {
-        std::uint32_t u = 0;
-        if (v >= 4294967295.0)
-            u = 0xFFFFFFFFu;
-        else if (v > 0)
-            u = static_cast<std::uint32_t>(v);
-        std::memcpy(at, &u, 4);
-    }
+    const half h(static_cast<float>(v));
+    const float f = static_cast<float>(v);
+    const std::uint32_t u = v >= 4294967295.0 ? 0xFFFFFFFFu : v > 0 ? static_cast<std::uint32_t>(v) : 0;
+    const void* from = type == Imf::HALF ? static_cast<const void*>(&h) : type == Imf::FLOAT ? static_cast<const void*>(&f) : &u;
+    std::memcpy(at, from, sampleSize(type));
 }
 
 double loadSample(const unsigned char* at, Imf::PixelType type)
 {
-    if (type == Imf::HALF) {
-        std::uint16_t bits = 0;
-        std::memcpy(&bits, at, 2);
-        half h;
-        h.setBits(bits);
-        return static_cast<float>(h);
-    }
-    if (type == Imf::FLOAT) {
-        float f = 0;
-        std::memcpy(&f, at, 4);
-        return f;
-    }
+    half h;
+    float f = 0;
     std::uint32_t u = 0;
-    std::memcpy(&u, at, 4);
-    return u;
+    void* to = type == Imf::HALF ? static_cast<void*>(&h) : type == Imf::FLOAT ? static_cast<void*>(&f) : &u;
+    std::memcpy(to, at, sampleSize(type));
+    return type == Imf::HALF ? double(float(h)) : type == Imf::FLOAT ? double(f) : double(u);
 }
 
-// The address OpenEXR takes as pixel (0, 0) of a row-major array over window w.
+// The address OpenEXR takes as element (0, 0) of a row-major array over window w.
 char* originOf(void* data, const Imath::Box2i& w, std::size_t element)
 {
     const std::intptr_t width = w.max.x - w.min.x + 1;
-    const std::intptr_t offset = (static_cast<std::intptr_t>(w.min.y) * width + w.min.x) *
-                                 static_cast<std::intptr_t>(element);
+    const std::intptr_t offset = (std::intptr_t(w.min.y) * width + w.min.x) * std::intptr_t(element);
     return reinterpret_cast<char*>(reinterpret_cast<std::intptr_t>(data) - offset);
 }
 
@@ -120,16 +102,14 @@ struct Plane {
     {
     }
 
-    std::size_t xStride() const { return sampleSize(type); }
-    std::size_t yStride() const { return xStride() * static_cast<std::size_t>(columns); }
-    unsigned char* sample(int c, int r) { return bytes.data() + r * yStride() + c * xStride(); }
+    unsigned char* sample(int c, int r) { return bytes.data() + (std::size_t(r) * columns + c) * sampleSize(type); }
     // Where OpenEXR's sample (0, 0) would lie; only ever offset back into the plane.
     Imf::Slice slice()
     {
+        const std::size_t xStride = sampleSize(type), yStride = xStride * static_cast<std::size_t>(columns);
         const std::intptr_t origin = reinterpret_cast<std::intptr_t>(bytes.data()) -
-                                     static_cast<std::intptr_t>(firstColumn) * static_cast<std::intptr_t>(xStride()) -
-                                     static_cast<std::intptr_t>(firstRow) * static_cast<std::intptr_t>(yStride());
-        return Imf::Slice(type, reinterpret_cast<char*>(origin), xStride(), yStride(), xSampling, ySampling);
+                                     firstColumn * std::intptr_t(xStride) - firstRow * std::intptr_t(yStride);
+        return Imf::Slice(type, reinterpret_cast<char*>(origin), xStride, yStride, xSampling, ySampling);
     }
 };
 
@@ -148,8 +128,7 @@ struct FilledFrame {
     {
         planes.reserve(part.channels.size());
         for (const ExrChannel& ch : part.channels) {
-            planes.emplace_back(ch.type, ch.xSampling, ch.ySampling, window);
-            Plane& p = planes.back();
+            Plane& p = planes.emplace_back(ch.type, ch.xSampling, ch.ySampling, window);
             for (int r = 0; r < p.rows; ++r)
                 for (int c = 0; c < p.columns; ++c)
                     storeSample(p.sample(c, r), ch.type,
@@ -159,29 +138,82 @@ struct FilledFrame {
     }
 };
 
+// Deep samples over a window: a count per pixel, and per channel one pointer
+// per pixel into that channel's samples (allocated once the counts are known).
+struct DeepFrame {
+    Imath::Box2i window;
+    std::size_t width, pixels;
+    std::vector<unsigned int> counts;
+    std::vector<Imf::PixelType> types;
+    std::vector<std::vector<unsigned char>> storage;
+    std::vector<std::vector<char*>> pointers;
+    Imf::DeepFrameBuffer frameBuffer;
+
+    explicit DeepFrame(const Imath::Box2i& w)
+        : window(w), width(std::size_t(w.max.x - w.min.x + 1)), pixels(width * std::size_t(w.max.y - w.min.y + 1)),
+          counts(pixels)
+    {
+        frameBuffer.insertSampleCountSlice(Imf::Slice(Imf::UINT, originOf(counts.data(), w, sizeof(unsigned int)),
+                                                      sizeof(unsigned int), sizeof(unsigned int) * width));
+    }
+    void insert(const std::string& name, Imf::PixelType type)
+    {
+        types.push_back(type);
+        pointers.emplace_back(pixels, nullptr);
+        frameBuffer.insert(name, Imf::DeepSlice(type, originOf(pointers.back().data(), window, sizeof(char*)),
+                                                sizeof(char*), sizeof(char*) * width, sampleSize(type)));
+    }
+    void allocate()
+    {
+        const std::size_t total = std::accumulate(counts.begin(), counts.end(), std::size_t{0});
+        for (std::size_t c = 0; c < types.size(); ++c) {
+            storage.emplace_back(total * sampleSize(types[c]) + 4);
+            for (std::size_t i = 0, next = 0; i < pixels; next += counts[i++])
+                pointers[c][i] = reinterpret_cast<char*>(storage.back().data() + next * sampleSize(types[c]));
+        }
+    }
+    unsigned char* sample(std::size_t channel, std::size_t pixel, unsigned int s)
+    {
+        return reinterpret_cast<unsigned char*>(pointers[channel][pixel]) + s * sampleSize(types[channel]);
+    }
+};
+
 template <class Out>
-void writeScanLines(Out& out, const ExrPart& part)
+void writePixels(Out& out, const ExrPart& part)
 {
     const Imath::Box2i w = part.window();
-    FilledFrame frame(part, w);
-    out.setFrameBuffer(frame.frameBuffer);
     const int height = w.max.y - w.min.y + 1;
     const int lines = part.writeLimit < 0 ? height : std::min(part.writeLimit, height);
-    if (lines > 0) out.writePixels(lines);
+    if constexpr (std::is_same_v<Out, Imf::DeepScanLineOutputFile> || std::is_same_v<Out, Imf::DeepScanLineOutputPart>) {
+        DeepFrame frame(w);
+        for (std::size_t i = 0; i < frame.pixels; ++i) {
+            const int x = w.min.x + int(i % frame.width), y = w.min.y + int(i / frame.width);
+            frame.counts[i] = static_cast<unsigned int>(std::max(0, part.deepSamples(x, y)));
+        }
+        for (const ExrChannel& ch : part.channels) frame.insert(ch.name, ch.type);
+        frame.allocate();
+        for (std::size_t c = 0; c < part.channels.size(); ++c)
+            for (std::size_t i = 0; i < frame.pixels; ++i)
+                for (unsigned int s = 0; s < frame.counts[i]; ++s)
+                    storeSample(frame.sample(c, i, s), frame.types[c],
+                                valueOf(part, part.channels[c], w.min.x + int(i % frame.width), w.min.y + int(i / frame.width)));
+        out.setFrameBuffer(frame.frameBuffer);
+        if (lines > 0) out.writePixels(lines);
+    } else {
+        FilledFrame frame(part, w);
+        out.setFrameBuffer(frame.frameBuffer);
+        if (lines > 0) out.writePixels(lines);
+    }
 }
 
 template <class Out>
 void writeTiles(Out& out, const ExrPart& part)
 {
     std::vector<std::pair<int, int>> levels;
-    if (part.writeLimit >= 0 || part.levelMode == Imf::ONE_LEVEL) {
-        levels.emplace_back(0, 0);
-    } else if (part.levelMode == Imf::MIPMAP_LEVELS) {
-        for (int l = 0; l < out.numLevels(); ++l) levels.emplace_back(l, l);
-    } else {
-        for (int ly = 0; ly < out.numYLevels(); ++ly)
-            for (int lx = 0; lx < out.numXLevels(); ++lx) levels.emplace_back(lx, ly);
-    }
+    for (int ly = 0; ly < out.numYLevels(); ++ly)
+        for (int lx = 0; lx < out.numXLevels(); ++lx)
+            if ((lx == 0 && ly == 0) || (part.writeLimit < 0 && (part.levelMode == Imf::RIPMAP_LEVELS || lx == ly)))
+                levels.emplace_back(lx, ly);
     for (const auto& [lx, ly] : levels) {
         FilledFrame frame(part, out.dataWindowForLevel(lx, ly));
         out.setFrameBuffer(frame.frameBuffer);
@@ -195,49 +227,10 @@ void writeTiles(Out& out, const ExrPart& part)
     }
 }
 
-template <class Out>
-void writeDeepScanLines(Out& out, const ExrPart& part)
-{
-    const Imath::Box2i w = part.window();
-    const int width = w.max.x - w.min.x + 1;
-    const int height = w.max.y - w.min.y + 1;
-    const std::size_t pixels = static_cast<std::size_t>(width) * height;
-    std::vector<unsigned int> counts(pixels);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            counts[y * width + x] = static_cast<unsigned int>(std::max(0, part.deepSamples(w.min.x + x, w.min.y + y)));
-
-    Imf::DeepFrameBuffer frameBuffer;
-    frameBuffer.insertSampleCountSlice(Imf::Slice(Imf::UINT, originOf(counts.data(), w, sizeof(unsigned int)),
-                                                  sizeof(unsigned int), sizeof(unsigned int) * width));
-    std::vector<std::vector<unsigned char>> storage(part.channels.size());
-    std::vector<std::vector<char*>> pointers(part.channels.size(), std::vector<char*>(pixels, nullptr));
-    for (std::size_t i = 0; i < part.channels.size(); ++i) {
-        const ExrChannel& ch = part.channels[i];
-        const std::size_t size = sampleSize(ch.type);
-        std::size_t total = 0;
-        for (unsigned int n : counts) total += n;
-        storage[i].resize(total * size + 4);
-        std::size_t next = 0;
-        for (int y = 0; y < height; ++y) {
-            for (int x = 0; x < width; ++x) {
-                const std::size_t at = static_cast<std::size_t>(y) * width + x;
-                pointers[i][at] = reinterpret_cast<char*>(storage[i].data() + next * size);
-                const double v = valueOf(part, ch, w.min.x + x, w.min.y + y);
-                for (unsigned int s = 0; s < counts[at]; ++s, ++next) storeSample(storage[i].data() + next * size, ch.type, v);
-            }
-        }
-        frameBuffer.insert(ch.name, Imf::DeepSlice(ch.type, originOf(pointers[i].data(), w, sizeof(char*)), sizeof(char*),
-                                                   sizeof(char*) * width, size));
-    }
-    out.setFrameBuffer(frameBuffer);
-    const int lines = part.writeLimit < 0 ? height : std::min(part.writeLimit, height);
-    if (lines > 0) out.writePixels(lines);
-}
-
-void checkDeep(const ExrPart& part)
+Imf::Header checkedHeader(const ExrPart& part)
 {
     if (part.deepSamples && part.tiled) throw std::invalid_argument("deep tiled parts are not supported by the builder");
+    return part.header();
 }
 
 // Skips one zero-terminated text; returns the offset after the zero.
@@ -248,61 +241,23 @@ std::size_t skipText(const Bytes& file, std::size_t at)
     return at + 1;
 }
 
-int linesPerChunk(Imf::Compression c)
-{
-    switch (c) {
-        case Imf::ZIP_COMPRESSION:
-        case Imf::PXR24_COMPRESSION: return 16;
-        case Imf::PIZ_COMPRESSION:
-        case Imf::B44_COMPRESSION:
-        case Imf::B44A_COMPRESSION:
-        case Imf::DWAA_COMPRESSION: return 32;
-        case Imf::DWAB_COMPRESSION: return 256;
-        default: return 1;
-    }
-}
-
 // Every channel of a deep scan-line part, keeping the first sample of each pixel.
 void readDeepScanLines(Imf::MultiPartInputFile& input, int part, DecodedExr& d)
 {
     const Imath::Box2i w = d.header.dataWindow();
-    const int width = w.max.x - w.min.x + 1;
-    const std::size_t count = static_cast<std::size_t>(width) * (w.max.y - w.min.y + 1);
-    const Imf::ChannelList& channels = d.header.channels();
-    std::vector<unsigned int> counts(count);
-    std::vector<std::vector<char*>> pointers;
-    Imf::DeepFrameBuffer fb;
-    fb.insertSampleCountSlice(Imf::Slice(Imf::UINT, originOf(counts.data(), w, sizeof(unsigned int)),
-                                         sizeof(unsigned int), sizeof(unsigned int) * width));
-    // The pointer arrays are filled once the sample counts are known.
-    for (auto it = channels.begin(); it != channels.end(); ++it) {
-        pointers.emplace_back(count, nullptr);
-        fb.insert(it.name(), Imf::DeepSlice(it.channel().type, originOf(pointers.back().data(), w, sizeof(char*)),
-                                            sizeof(char*), sizeof(char*) * width, sampleSize(it.channel().type)));
-    }
-    Imf::DeepScanLineInputPart ip(input, part);
-    ip.setFrameBuffer(fb);
-    ip.readPixelSampleCounts(w.min.y, w.max.y);
-    std::size_t total = 0;
-    for (unsigned int n : counts) total += n;
-    std::vector<std::vector<unsigned char>> storage;
-    std::size_t index = 0;
-    for (auto it = channels.begin(); it != channels.end(); ++it, ++index) {
-        const std::size_t size = sampleSize(it.channel().type);
-        storage.emplace_back(total * size + 4);
-        std::size_t next = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            pointers[index][i] = reinterpret_cast<char*>(storage.back().data() + next * size);
-            next += counts[i];
-        }
-    }
-    ip.readPixels(w.min.y, w.max.y);
-    index = 0;
-    for (auto it = channels.begin(); it != channels.end(); ++it, ++index) {
-        DecodedChannel c{it.name(), it.channel().type, 1, 1, w, {}};
-        for (std::size_t i = 0; i < count; ++i)
-            c.values.push_back(counts[i] ? loadSample(reinterpret_cast<unsigned char*>(pointers[index][i]), c.type) : 0.0);
-        d.channels.push_back(std::move(c));
+    DeepFrame frame(w);
+    for (auto it = d.header.channels().begin(); it != d.header.channels().end(); ++it)
+        frame.insert(it.name(), it.channel().type);
+    Imf::DeepScanLineInputPart in(input, part);
+    in.setFrameBuffer(frame.frameBuffer);
+    in.readPixelSampleCounts(w.min.y, w.max.y);
+    frame.allocate();
+    in.readPixels(w.min.y, w.max.y);
+    std::size_t c = 0;
+    for (auto it = d.header.channels().begin(); it != d.header.channels().end(); ++it, ++c) {
+        DecodedChannel& out = d.channels.emplace_back(DecodedChannel{it.name(), frame.types[c], 1, 1, w, {}});
+        for (std::size_t i = 0; i < frame.pixels; ++i)
+            out.values.push_back(frame.counts[i] ? loadSample(frame.sample(c, i, 0), out.type) : 0.0);
     }
 }
 
@@ -349,17 +304,16 @@ Imf::Header ExrPart::header() const
 
 void writeExr(Imf::OStream& out, const ExrPart& part)
 {
-    checkDeep(part);
-    const Imf::Header h = part.header();
+    const Imf::Header h = checkedHeader(part);
     if (part.deepSamples) {
         Imf::DeepScanLineOutputFile file(out, h, 0);
-        writeDeepScanLines(file, part);
+        writePixels(file, part);
     } else if (part.tiled) {
         Imf::TiledOutputFile file(out, h, 0);
         writeTiles(file, part);
     } else {
         Imf::OutputFile file(out, h, 0);
-        writeScanLines(file, part);
+        writePixels(file, part);
     }
 }
 
@@ -374,26 +328,23 @@ Bytes makeMultiPartExr(const std::vector<ExrPart>& parts)
 {
     std::vector<Imf::Header> headers;
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        checkDeep(parts[i]);
-        Imf::Header h = parts[i].header();
+        Imf::Header& h = headers.emplace_back(checkedHeader(parts[i]));
         h.setName(parts[i].name.empty() ? "part" + std::to_string(i) : parts[i].name);
         if (!parts[i].deepSamples) h.setType(parts[i].tiled ? Imf::TILEDIMAGE : Imf::SCANLINEIMAGE);
-        headers.push_back(h);
     }
     MemoryOStream out;
     {
         Imf::MultiPartOutputFile file(out, headers.data(), static_cast<int>(headers.size()), false, 0);
-        for (std::size_t i = 0; i < parts.size(); ++i) {
-            const int index = static_cast<int>(i);
+        for (int i = 0; i < static_cast<int>(parts.size()); ++i) {
             if (parts[i].deepSamples) {
-                Imf::DeepScanLineOutputPart p(file, index);
-                writeDeepScanLines(p, parts[i]);
+                Imf::DeepScanLineOutputPart p(file, i);
+                writePixels(p, parts[i]);
             } else if (parts[i].tiled) {
-                Imf::TiledOutputPart p(file, index);
+                Imf::TiledOutputPart p(file, i);
                 writeTiles(p, parts[i]);
             } else {
-                Imf::OutputPart p(file, index);
-                writeScanLines(p, parts[i]);
+                Imf::OutputPart p(file, i);
+                writePixels(p, parts[i]);
             }
         }
     }
@@ -402,12 +353,10 @@ Bytes makeMultiPartExr(const std::vector<ExrPart>& parts)
 
 double DecodedChannel::at(int x, int y) const
 {
-    const int firstColumn = ceilDiv(window.min.x, xSampling);
-    const int firstRow = ceilDiv(window.min.y, ySampling);
+    const int firstColumn = ceilDiv(window.min.x, xSampling), firstRow = ceilDiv(window.min.y, ySampling);
     const int columns = floorDiv(window.max.x, xSampling) - firstColumn + 1;
     const int rows = floorDiv(window.max.y, ySampling) - firstRow + 1;
-    const int c = floorDiv(x, xSampling) - firstColumn;
-    const int r = floorDiv(y, ySampling) - firstRow;
+    const int c = floorDiv(x, xSampling) - firstColumn, r = floorDiv(y, ySampling) - firstRow;
     if (x % xSampling != 0 || y % ySampling != 0 || c < 0 || r < 0 || c >= columns || r >= rows)
         throw std::out_of_range("no sample of channel " + name + " at " + std::to_string(x) + ", " + std::to_string(y));
     return values[static_cast<std::size_t>(r) * columns + c];
@@ -438,37 +387,27 @@ DecodedExr readExr(Imf::IStream& in, int part, bool pixels)
     d.header = input.header(part);
     d.version = input.version();
     d.complete = input.partComplete(part);
-    if (!pixels) return d;
-
-    const Imath::Box2i w = d.header.dataWindow();
     const bool deep = d.header.hasType() && Imf::isDeepData(d.header.type());
-    if (deep && d.header.type() != Imf::DEEPSCANLINE) return d;  // deep tiles: header only
+    if (!pixels || (deep && d.header.type() != Imf::DEEPSCANLINE)) return d;  // deep tiles: header only
     if (deep) {
         readDeepScanLines(input, part, d);
         return d;
     }
-
+    const Imath::Box2i w = d.header.dataWindow();
     std::vector<Plane> planes;
-    planes.reserve(64);
-    std::vector<std::string> names;
     Imf::FrameBuffer fb;
     for (auto it = d.header.channels().begin(); it != d.header.channels().end(); ++it) {
         const Imf::Channel& ch = it.channel();
-        planes.emplace_back(ch.type, ch.xSampling, ch.ySampling, w);
-        names.emplace_back(it.name());
+        fb.insert(it.name(), planes.emplace_back(ch.type, ch.xSampling, ch.ySampling, w).slice());
+        d.channels.push_back({it.name(), ch.type, ch.xSampling, ch.ySampling, w, {}});
     }
-    for (std::size_t i = 0; i < planes.size(); ++i) fb.insert(names[i], planes[i].slice());
     Imf::InputPart ip(input, part);
     ip.setFrameBuffer(fb);
     ip.readPixels(w.min.y, w.max.y);
-    for (std::size_t i = 0; i < planes.size(); ++i) {
-        Plane& p = planes[i];
-        DecodedChannel c{names[i], p.type, p.xSampling, p.ySampling, w, {}};
-        c.values.reserve(static_cast<std::size_t>(p.columns) * p.rows);
-        for (int r = 0; r < p.rows; ++r)
-            for (int col = 0; col < p.columns; ++col) c.values.push_back(loadSample(p.sample(col, r), p.type));
-        d.channels.push_back(std::move(c));
-    }
+    for (std::size_t i = 0; i < planes.size(); ++i)
+        for (int r = 0; r < planes[i].rows; ++r)
+            for (int c = 0; c < planes[i].columns; ++c)
+                d.channels[i].values.push_back(loadSample(planes[i].sample(c, r), planes[i].type));
     return d;
 }
 
@@ -477,17 +416,15 @@ std::unique_ptr<ktP::_imgFileBuffer> fileBufferWith(const Bytes& file, long long
 {
     const long long whole = static_cast<long long>(file.size());
     const long long loaded = sizeLoaded == kWhole ? whole : sizeLoaded;
-    const long long total = fileSize == kWhole ? whole : fileSize;
     const long long cap = capacity == kWhole ? std::max(whole, loaded) + 1 : capacity;
     if (loaded < 0 || cap < 0 || cap > 0xFFFFFFFBLL) throw std::invalid_argument("fileBufferWith: bad sizes");
     auto b = std::make_unique<ktP::_imgFileBuffer>(static_cast<unsigned int>(cap));
-    const long long copied = std::min({loaded, whole, cap});
-    if (copied > 0) std::memcpy(b->buffer, file.data(), static_cast<std::size_t>(copied));
     // Bytes claimed as loaded beyond the file's end read as zeros.
-    const long long claimed = std::min(loaded, cap);
-    if (claimed > copied) std::memset(b->buffer + copied, 0, static_cast<std::size_t>(claimed - copied));
+    const long long copied = std::min({loaded, whole, cap}), claimed = std::min(loaded, cap);
+    if (claimed > 0) std::memset(b->buffer, 0, static_cast<std::size_t>(claimed));
+    if (copied > 0) std::memcpy(b->buffer, file.data(), static_cast<std::size_t>(copied));
     b->setSizeLoaded(loaded);
-    b->setFileSize(total);
+    b->setFileSize(fileSize == kWhole ? whole : fileSize);
     return b;
 }
 
@@ -523,9 +460,8 @@ GuardPagedFileBuffer::~GuardPagedFileBuffer()
 
 Bytes contentOf(const ktP::_imgFileBuffer& buffer)
 {
-    const long long n = std::max(0LL, std::min(buffer.sizeLoaded, buffer.bufferSize));
-    if (n == 0) return {};
-    return Bytes(reinterpret_cast<const char*>(buffer.buffer), reinterpret_cast<const char*>(buffer.buffer) + n);
+    const auto* data = reinterpret_cast<const char*>(buffer.buffer);
+    return Bytes(data, data + std::max(0LL, std::min(buffer.sizeLoaded, buffer.bufferSize)));
 }
 
 Bytes truncated(const Bytes& file, std::size_t length)
@@ -537,8 +473,7 @@ Bytes patched(const Bytes& file, std::size_t offset, std::initializer_list<unsig
 {
     if (offset + bytes.size() > file.size()) throw std::out_of_range("patch beyond the end of the file");
     Bytes out = file;
-    std::size_t at = offset;
-    for (unsigned char b : bytes) out[at++] = static_cast<char>(b);
+    std::copy(bytes.begin(), bytes.end(), out.begin() + static_cast<std::ptrdiff_t>(offset));
     return out;
 }
 
@@ -589,9 +524,10 @@ int chunkCount(const Bytes& file, int part)
                 if (t.levelMode() != Imf::MIPMAP_LEVELS || lx == ly) n += t.numXTiles(lx) * t.numYTiles(ly);
         return n;
     }
-    const int height = h.dataWindow().max.y - h.dataWindow().min.y + 1;
-    const int lines = linesPerChunk(h.compression());
-    return (height + lines - 1) / lines;
+    // Scan lines per chunk: 16 for ZIP and PXR24, 32 for PIZ, B44(A) and DWAA, 256 for DWAB, else 1.
+    const int lines[Imf::NUM_COMPRESSION_METHODS] = {1, 1, 1, 16, 32, 16, 32, 32, 32, 256};
+    const int c = static_cast<int>(h.compression());
+    return (h.dataWindow().max.y - h.dataWindow().min.y + lines[c]) / lines[c];
 }
 
 std::size_t offsetTableEnd(const Bytes& file)
@@ -606,12 +542,8 @@ std::size_t offsetTableEnd(const Bytes& file)
 std::vector<std::uint64_t> chunkOffsets(const Bytes& file)
 {
     const std::size_t start = headerEnd(file);
-    const int n = chunkCount(file, 0);
-    std::vector<std::uint64_t> offsets;
-    for (int i = 0; i < n; ++i) {
-        const std::size_t at = start + 8 * static_cast<std::size_t>(i);
-        offsets.push_back(littleEndianAt(file, at, 8));
-    }
+    std::vector<std::uint64_t> offsets(static_cast<std::size_t>(chunkCount(file, 0)));
+    for (std::size_t i = 0; i < offsets.size(); ++i) offsets[i] = littleEndianAt(file, start + 8 * i, 8);
     return offsets;
 }
 

@@ -1,23 +1,13 @@
 // EXR files made in memory for tests, read back independently, put into file
 // buffers (plain or ending at an inaccessible page), and cut or damaged on
-// purpose.
-//
-// Everything here goes through OpenEXR's own C++ API over plain vector-backed
+// purpose. Everything goes through OpenEXR's own C++ API over vector-backed
 // streams, never through the plug-in's stream adapters, so that it can serve
-// as an oracle for them:
+// as an oracle for them.
 //
-//     ExrPart image;                            // 16 x 12, RGBA half, ZIP, scan lines
-//     image.dataWindow = box(2, 1, 9, 7);
-//     image.attribute("KT/jobID", std::string("JOB12"));
-//     Bytes file = makeExr(image);
-//     auto head = fileBufferWith(file, 200);    // only the first 200 bytes loaded
-//     double r = readExr(file).channel("R").at(2, 1);
-//
-// Pixel values: every channel sample comes from the channel's own `value`
-// function if set, else from the part's `value` (x and y are absolute pixel
-// coordinates, in level coordinates for the lower levels of mip- and
-// rip-mapped files). HALF stores half(float(v)), FLOAT float(v), UINT the
-// value truncated and clamped to [0, 2^32 - 1].
+// Every channel sample comes from the channel's own `value` function if set,
+// else from the part's `value` (at absolute pixel coordinates; level
+// coordinates for lower mip- and rip-map levels). HALF stores half(float(v)),
+// FLOAT float(v), UINT the value truncated and clamped to [0, 2^32 - 1].
 #pragma once
 
 #include <cstddef>
@@ -53,7 +43,6 @@ namespace kt::test {
 
 using Bytes = std::vector<char>;
 
-// The value of one sample: channel name and pixel coordinates.
 using SampleFunction = std::function<double(const std::string& channel, int x, int y)>;
 
 // The default pattern: k / 16 with k in 0..60 from the coordinates and the
@@ -61,7 +50,6 @@ using SampleFunction = std::function<double(const std::string& channel, int x, i
 // between neighbours and channels.
 double patternValue(const std::string& channel, int x, int y);
 
-// A function that gives every sample the same value.
 SampleFunction constantValue(double value);
 
 Imath::Box2i box(int minX, int minY, int maxX, int maxY);
@@ -79,7 +67,6 @@ struct ExrChannel {
     std::function<double(int x, int y)> value;  // overrides the part's value when set
 };
 
-// Channels of one pixel type, named as given.
 std::vector<ExrChannel> channelList(std::initializer_list<std::string> names, Imf::PixelType type = Imf::HALF);
 
 // One image: a single-part file by itself, or one part of a multi-part file.
@@ -129,11 +116,10 @@ struct ExrPart {
     Imf::Header header() const;
 };
 
-// The bytes of a single-part file.
+// The bytes of a single-part file, of a multi-part file (one part per entry),
+// or a single-part file written into any stream.
 Bytes makeExr(const ExrPart& part);
-// The bytes of a multi-part file, one part per entry.
 Bytes makeMultiPartExr(const std::vector<ExrPart>& parts);
-// Writes a single-part file into any stream (a plug-in adapter, say).
 void writeExr(Imf::OStream& out, const ExrPart& part);
 
 // What OpenEXR reads from a file, all samples widened to double. Deep parts
@@ -160,14 +146,12 @@ struct DecodedExr {
     bool hasChannel(const std::string& name) const;
 };
 
-// Reads part `part` of a file: header, then every pixel (level 0 for tiled
-// files). Throws what OpenEXR throws. With pixels false only the header,
-// version and completeness are taken.
+// Reads part `part` of a file (or any input stream): header, then every pixel
+// (level 0 for tiled files). Throws what OpenEXR throws. With pixels false
+// only the header, version and completeness are taken.
 DecodedExr readExr(const Bytes& file, int part = 0, bool pixels = true);
-// The same through any input stream (a plug-in adapter, say).
 DecodedExr readExr(Imf::IStream& in, int part = 0, bool pixels = true);
 
-// File buffers as the host hands them over.
 constexpr long long kWhole = -1;
 // A buffer holding the first `sizeLoaded` bytes of `file` (all of it by
 // default), with fileSize saying how long the whole file is (its length by
@@ -175,9 +159,8 @@ constexpr long long kWhole = -1;
 // two lengths, since the last byte of a buffer never holds data.
 std::unique_ptr<ktP::_imgFileBuffer> fileBufferWith(const Bytes& file, long long sizeLoaded = kWhole,
                                                     long long fileSize = kWhole, long long capacity = kWhole);
-// An empty buffer to encode into.
+// An empty buffer to encode into, and the valid data (first sizeLoaded bytes) of one.
 std::unique_ptr<ktP::_imgFileBuffer> emptyFileBuffer(unsigned int capacity);
-// The valid data of a buffer: its first sizeLoaded bytes.
 Bytes contentOf(const ktP::_imgFileBuffer& buffer);
 
 // A buffer as fileBufferWith makes it, whose loaded bytes end right where an
@@ -219,9 +202,8 @@ std::size_t findBytes(const Bytes& file, const std::string& needle, std::size_t 
 std::size_t headerEnd(const Bytes& file);
 // The number of chunks of a part, as its offset table lists them.
 int chunkCount(const Bytes& file, int part = 0);
-// Where the offset tables end and the first chunk begins.
+// Where the offset tables end; the stored chunk offsets of a single-part file.
 std::size_t offsetTableEnd(const Bytes& file);
-// The stored offsets of a part's chunks (single-part files).
 std::vector<std::uint64_t> chunkOffsets(const Bytes& file);
 
 // The real-world EXR corpus beside the checkout: its folder, or "" when it
