@@ -1,7 +1,6 @@
-// The decoding exports against expectations computed here, pixel by pixel,
-// from what OpenEXR itself reads out of the same file: placement, channel
-// choice, gamma, every pixel type, layout and compression, and the result
-// codes of broken files.
+// The decoding exports against what OpenEXR itself reads out of the same
+// file, pixel by pixel: placement, channel choice, gamma, every pixel type,
+// layout and compression, and the result codes of broken files.
 #include <gtest/gtest.h>
 
 #include <OpenEXR/ImfThreading.h>
@@ -21,8 +20,6 @@ using namespace kt::test;
 
 namespace {
 
-using Rgba = std::array<float, 4>;
-
 // Each export with its buffer and the channel rule it stores by, written
 // out here: <= 0 and NaN give 0, >= 1 the top, else the truncated product.
 template <class Buffer, class Pixel, int (*Export)(imgCallRecord*), unsigned Top>
@@ -35,7 +32,7 @@ struct Depth {
         if (v <= 0.0f || std::isnan(v)) return 0;
         return v >= 1.0f ? Top : std::trunc(v * static_cast<float>(Top));
     }
-    static Rgba pixelAt(const Buffer& b, std::size_t i)
+    static std::array<float, 4> pixelAt(const Buffer& b, std::size_t i)
     {
         const Pixel& p = reinterpret_cast<const Pixel*>(b.pixels)[i];
         return {static_cast<float>(p.r), static_cast<float>(p.g), static_cast<float>(p.b), static_cast<float>(p.a)};
@@ -65,31 +62,29 @@ int decodeInto(const Bytes& file, typename D::BufferType& out)
     return D::decode(&call);
 }
 
-const std::array<std::string, 4> kRgba = {"R", "G", "B", "A"};
-
 // Decodes `file` into `b` and compares all of its capacity with the oracle's
 // samples of the channels `roles` (red, green, blue, alpha), placed relative
 // to the display window, colour raised to gammaV when the buffer asks for
 // it, and zeros where no data lands.
 template <class D>
-void expectDecoded(const Bytes& file, typename D::BufferType& b, const std::string& what, const std::array<std::string, 4>& roles = kRgba)
+void expectDecoded(const Bytes& file, typename D::BufferType& b, const std::string& what,
+                   const std::array<std::string, 4>& roles = {"R", "G", "B", "A"})
 {
     ASSERT_EQ(decodeInto<D>(file, b), 1) << what;
     const DecodedExr oracle = readExr(file);
     const Imath::Box2i display = oracle.header.displayWindow(), data = oracle.header.dataWindow();
-    const DecodedChannel* channel[4];
-    for (int c = 0; c < 4; ++c) channel[c] = &oracle.channel(roles[c]);
     int mismatches = 0;
-    for (std::size_t i = 0; i < b.maxPixels && mismatches < 5; ++i) {
-        const Rgba got = D::pixelAt(b, i);
-        const int x = static_cast<int>(i % b.width) + display.min.x - data.min.x, y = static_cast<int>(i / b.width) + display.min.y - data.min.y;
-        const bool inside = i < b.width * b.height && x >= 0 && y >= 0 && x <= data.max.x - data.min.x && y <= data.max.y - data.min.y;
+    for (std::size_t i = 0; i < b.maxPixels; ++i) {
+        const auto got = D::pixelAt(b, i);
+        const int x = static_cast<int>(i % b.width) + display.min.x, y = static_cast<int>(i / b.width) + display.min.y;
+        const bool inside = i < b.width * b.height && data.intersects(Imath::V2i(x, y));
         for (int c = 0; c < 4; ++c) {
-            float v = inside ? static_cast<float>(channel[c]->values[static_cast<std::size_t>(y) * (data.max.x - data.min.x + 1) + x]) : 0.0f;
+            float v = inside ? static_cast<float>(oracle.channel(roles[c]).at(x, y)) : 0.0f;
             if (inside && (b.pixelFlags & 1) && c < 3) v = static_cast<float>(std::pow(double{v}, double{gammaV}));
             const double expected = D::stored(v);
             if ((std::isnan(expected) ? !std::isnan(got[c]) : got[c] != expected) && ++mismatches <= 5)
-                ADD_FAILURE() << what << ": pixel " << i << " channel " << c << " is " << got[c] << ", expected " << expected << " (from " << v << ")";
+                ADD_FAILURE() << what << ": pixel " << i << " channel " << c << " is " << got[c] << ", expected "
+                              << expected << " (from " << v << ")";
         }
     }
 }
@@ -106,7 +101,8 @@ double spread(const std::string& channel, int x, int y) { return ((x * 7 + y * 1
 
 // The data window lands relative to the display window's origin, what lies
 // outside the buffer is dropped, the rest of the capacity is zero, and a
-// window of another size than the buffer appends " region" (never past 250).
+// window of another size than the buffer appends " region" (never past 250);
+// each case in another compression and layout.
 TYPED_TEST(ExrDecoder, PlacesTheDataWindowRelativeToTheDisplayWindow)
 {
     const struct {
@@ -114,29 +110,31 @@ TYPED_TEST(ExrDecoder, PlacesTheDataWindowRelativeToTheDisplayWindow)
         unsigned capacity;  // 0: exactly the display window
         int textBefore;
     } cases[] = {
-        {box(0, 0, 15, 11), box(0, 0, 15, 11), 0, 0},       {box(0, 0, 15, 11), box(3, 2, 9, 7), 0, 0},
-        {box(0, 0, 15, 11), box(-4, -3, 5, 6), 0, 243},     {box(0, 0, 15, 11), box(10, 8, 20, 15), 0, 244},
-        {box(0, 0, 15, 11), box(-2, -1, 17, 12), 0, 249},   {box(0, 0, 15, 11), box(16, 0, 19, 11), 0, 250},
-        {box(100, -50, 115, -39), box(98, -47, 104, -30), 0, 3},
+        {box(0, 0, 15, 11), box(0, 0, 15, 11), 0, 0},     {box(0, 0, 15, 11), box(3, 2, 9, 7), 0, 0},
+        {box(0, 0, 15, 11), box(-4, -3, 5, 6), 0, 243},   {box(0, 0, 15, 11), box(10, 8, 20, 15), 0, 244},
+        {box(0, 0, 15, 11), box(16, 0, 19, 11), 0, 250},  {box(100, -50, 115, -39), box(98, -47, 104, -30), 0, 3},
         {box(0, 0, 15, 11), box(2, 2, 13, 9), 16 * 12 + 37, 3},  // capacity beyond the image
         {box(0, 0, 299, 199), box(-5, 3, 310, 190), 0, 3},       // wide enough for the table path
     };
-    for (const auto& c : cases) {
-        ExrPart part;
-        part.displayWindow = c.display;
-        part.dataWindow = c.data;
-        part.value = spread;
-        const Bytes file = makeExr(part);
-        const int w = c.display.max.x - c.display.min.x + 1, h = c.display.max.y - c.display.min.y + 1;
-        const unsigned capacity = c.capacity ? c.capacity : static_cast<unsigned>(w * h);
-        auto b = hostBuffer<TypeParam>(w, h, capacity);
-        const std::string before(static_cast<std::size_t>(c.textBefore), 'x');
-        b->imageInfo.infoText = before.c_str();
-        const std::string what = ::testing::PrintToString(c.data);
-        expectDecoded<TypeParam>(file, *b, what);
-        const bool sameSize = c.data.max.x - c.data.min.x + 1 == w && c.data.max.y - c.data.min.y + 1 == h;
-        EXPECT_EQ(textOf(b->imageInfo.infoText), (before + (sameSize ? "" : " region")).substr(0, 250)) << what;
-    }
+    int layout = 0;
+    for (const auto& c : cases)
+        for (int compression = 0; compression < Imf::NUM_COMPRESSION_METHODS; ++compression, ++layout) {
+            ExrPart part;
+            part.displayWindow = c.display;
+            part.dataWindow = c.data;
+            part.value = spread;
+            part.compression = static_cast<Imf::Compression>(compression);
+            part.tiled = layout % 2 == 1;
+            part.tileHeight = 5;
+            const int w = c.display.max.x - c.display.min.x + 1, h = c.display.max.y - c.display.min.y + 1;
+            auto b = hostBuffer<TypeParam>(w, h, c.capacity ? c.capacity : static_cast<unsigned>(w * h));
+            const std::string before(static_cast<std::size_t>(c.textBefore), 'x');
+            b->imageInfo.infoText = before.c_str();
+            const std::string what = ::testing::PrintToString(c.data) + " " + std::to_string(layout);
+            expectDecoded<TypeParam>(makeExr(part), *b, what);
+            const bool sameSize = c.data.max.x - c.data.min.x + 1 == w && c.data.max.y - c.data.min.y + 1 == h;
+            EXPECT_EQ(textOf(b->imageInfo.infoText), (before + (sameSize ? "" : " region")).substr(0, 250)) << what;
+        }
 }
 
 TYPED_TEST(ExrDecoder, WorkerThreadsGiveTheSameImage)
@@ -148,11 +146,9 @@ TYPED_TEST(ExrDecoder, WorkerThreadsGiveTheSameImage)
     part.value = spread;
     const Bytes file = makeExr(part);
     const int saved = Imf::globalThreadCount();
-    for (const int threads : {2, 3}) {
-        Imf::setGlobalThreadCount(threads);
-        for (const bool gamma : {false, true})
-            expectDecoded<TypeParam>(file, *hostBuffer<TypeParam>(640, 480, 640 * 480 + 5, gamma), std::to_string(threads) + " threads");
-    }
+    Imf::setGlobalThreadCount(3);
+    for (const bool gamma : {false, true})
+        expectDecoded<TypeParam>(file, *hostBuffer<TypeParam>(640, 480, 640 * 480 + 5, gamma), "3 threads");
     Imf::setGlobalThreadCount(saved);
 }
 
@@ -196,78 +192,47 @@ TYPED_TEST(ExrDecoder, AnyMixOfPixelTypesWithAndWithoutGamma)
     gammaV = saved;
 }
 
-TEST(ExrDecoderLayouts, ScanLineAndTiledFilesOfEveryCompression)
-{
-    for (int compression = 0; compression < Imf::NUM_COMPRESSION_METHODS; ++compression)
-        for (const bool tiled : {false, true}) {
-            ExrPart part;
-            part.displayWindow = box(0, 0, 70, 40);
-            part.dataWindow = box(-3, 2, 75, 39);
-            part.compression = static_cast<Imf::Compression>(compression);
-            part.tiled = tiled;
-            part.tileWidth = 16;
-            part.tileHeight = 12;
-            part.value = spread;
-            expectDecoded<DepthF>(makeExr(part), *hostBuffer<DepthF>(71, 41), std::to_string(compression) + (tiled ? " tiled" : ""));
-        }
-}
-
 // Exact names (any case) first; only without any exact name, names ending
-// in the letter; a role without a channel reads slot 0.
+// in the letter; a role without a channel reads slot 0; channels past the
+// 800th are never looked at.
 TEST(ExrDecoderChannels, EachRoleTakesTheChannelTheNamingRulesPick)
 {
+    std::vector<std::string> tooMany;  // "d.R" sorts after every cNNN: as the 800th it counts, as the 801st not
+    for (int i = 0; i < 800; ++i) tooMany.push_back("c" + std::to_string(1000 + i).substr(1));
+    std::vector<std::string> many(tooMany.begin(), tooMany.end() - 1);
+    many.push_back("d.R"), tooMany.push_back("d.R");
     const struct {
         std::vector<std::string> channels;
         std::array<std::string, 4> roles;  // the channels R, G, B and A must come from
     } cases[] = {
-        {{"A", "B", "G", "R"}, {"R", "G", "B", "A"}},
         {{"B", "G", "R"}, {"R", "G", "B", "B"}},
-        {{"Y"}, {"Y", "Y", "Y", "Y"}},
         {{"a", "b", "g", "r"}, {"r", "g", "b", "a"}},
         {{"beauty.A", "beauty.B", "beauty.G", "beauty.R", "specular.R"}, {"beauty.R", "beauty.G", "beauty.B", "beauty.A"}},
         // One plain "A" switches the suffixes off: R, G, B fall back to
         // channels 0, 1, 2, and alpha shares slot 0 with red.
         {{"A", "beauty.A", "beauty.B", "beauty.G", "beauty.R", "specular.R"}, {"A", "beauty.A", "beauty.B", "A"}},
-        {{"B", "G", "R", "Z", "diffuse.A"}, {"R", "G", "B", "Z"}},
         {{"Z", "alpha", "color"}, {"color", "alpha", "alpha", "alpha"}},  // B and A land on slot 0
-        {{"left.G", "left.R", "right.B", "right.R"}, {"left.R", "left.G", "right.B", "right.R"}},
         {{"R", "r"}, {"r", "r", "r", "r"}},  // both match; the later one wins and serves every role
+        {many, {"d.R", "c001", "c002", "c003"}},
+        {tooMany, {"c000", "c001", "c002", "c003"}},
     };
     for (const auto& c : cases) {
         ExrPart part;
+        part.displayWindow = box(0, 0, 3, 2);
         part.channels.clear();
         for (std::size_t i = 0; i < c.channels.size(); ++i) {
             part.channels.emplace_back(c.channels[i], Imf::FLOAT);
             part.channels.back().value = [i](int, int) { return double(i + 1); };
         }
-        expectDecoded<DepthF>(makeExr(part), *hostBuffer<DepthF>(16, 12), c.channels.back(), c.roles);
-    }
-}
-
-TEST(ExrDecoderChannels, OnlyTheFirst800ChannelsAreLookedAt)
-{
-    // d.R sorts after every cNNN channel: number 799 still counts, 800 not.
-    for (const int others : {799, 800}) {
-        ExrPart part;
-        part.displayWindow = box(0, 0, 3, 2);
-        part.channels.clear();
-        for (int i = 0; i < others; ++i) {
-            part.channels.emplace_back("c" + std::to_string(1000 + i).substr(1));
-            part.channels.back().value = [i](int, int) { return i / 1024.0; };
-        }
-        part.channels.emplace_back("d.R");
-        part.channels.back().value = [](int, int) { return 1000.0; };
-        expectDecoded<DepthF>(makeExr(part), *hostBuffer<DepthF>(4, 3), std::to_string(others),
-                              {others == 799 ? "d.R" : "c000", "c001", "c002", "c003"});
+        expectDecoded<DepthF>(makeExr(part), *hostBuffer<DepthF>(4, 3), c.channels.back(), c.roles);
     }
 }
 
 // Broken files: 4 before anything is touched; 14 and 6 with the buffer cleared.
 TYPED_TEST(ExrDecoder, BrokenFilesGiveTheirCodesAndLeaveTheBufferCleared)
 {
-    ExrPart part;
+    ExrPart part, subsampled, subsampledUnused, incomplete;
     const Bytes good = makeExr(part);
-    ExrPart subsampled = part, subsampledUnused = part, incomplete = part;
     subsampled.channels[0] = {"A", Imf::HALF, 2, 2};
     subsampledUnused.channels.emplace_back("Z", Imf::HALF, 2, 2);
     incomplete.writeLimit = 5;
@@ -284,8 +249,7 @@ TYPED_TEST(ExrDecoder, BrokenFilesGiveTheirCodesAndLeaveTheBufferCleared)
         {"pixel data cut short", truncated(good, good.size() - 30), 14, true},
         {"chunks missing", makeExr(incomplete), 14, true},
         {"subsampled alpha", makeExr(subsampled), 6, true},
-        // OpenEXR refuses the type while opening: 7 is never reached with it.
-        {"alpha of an unknown pixel type", patched(good, alphaType, {3}), 4, false},
+        {"alpha of an unknown pixel type", patched(good, alphaType, {3}), 4, false},  // OpenEXR refuses it first
         {"alpha patched to FLOAT (control)", patched(good, alphaType, {2}), 1, false},
         {"subsampled channel not chosen", makeExr(subsampledUnused), 1, false},
     };
@@ -294,6 +258,7 @@ TYPED_TEST(ExrDecoder, BrokenFilesGiveTheirCodesAndLeaveTheBufferCleared)
         EXPECT_EQ(decodeInto<TypeParam>(c.file, *b), c.result) << c.what;
         if (c.result == 1) continue;
         const std::size_t bytes = static_cast<std::size_t>(b->bytesPerPixel) * b->maxPixels;
-        EXPECT_EQ(std::count(b->pixels, b->pixels + bytes, c.cleared ? 0 : 0x60), static_cast<std::ptrdiff_t>(bytes)) << c.what;
+        EXPECT_EQ(std::count(b->pixels, b->pixels + bytes, c.cleared ? 0 : 0x60), static_cast<std::ptrdiff_t>(bytes))
+            << c.what;
     }
 }

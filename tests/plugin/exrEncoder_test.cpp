@@ -18,7 +18,6 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -32,7 +31,6 @@ namespace {
 
 using kt::test::box;
 using kt::test::Bytes;
-using Bits = std::array<std::uint16_t, 4>;  // R, G, B, A as stored
 
 // The half nearest to `value` (ties to even), worked out in double precision
 // from the float's exact value rather than through any half type. NaN gives 0x7E00.
@@ -48,15 +46,6 @@ std::uint16_t nearestHalf(float value)
     return static_cast<std::uint16_t>(sign | (((e + 14) << 10) + int(std::nearbyint(std::ldexp(a, 11 - e))) - 1024));
 }
 
-bool isHalfNan(std::uint16_t bits) { return (bits & 0x7C00) == 0x7C00 && (bits & 0x03FF) != 0; }
-
-std::uint32_t bitsOf(float f)
-{
-    std::uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
-
 // One export with its buffer; the 8-bit and 16-bit values are divided by
 // their top value in single precision, floats taken as they are.
 template <class B, class V, int (*Export)(imgCallRecord*), int Top>
@@ -67,11 +56,7 @@ struct Depth {
     static constexpr V kOn = static_cast<V>(isFloat ? 0.75 : Top * 3 / 4);
     static constexpr const char* clientAttribute = isFloat ? "clientname" : "KT/clientname";
     static int encode(imgCallRecord* call) { return Export(call); }
-    static std::uint16_t expected(V v)
-    {
-        if constexpr (isFloat) return nearestHalf(v);
-        else return nearestHalf(static_cast<float>(v) / float(Top));
-    }
+    static std::uint16_t expected(V v) { return nearestHalf(isFloat ? float(v) : static_cast<float>(v) / float(Top)); }
 };
 using Depth8 = Depth<ktP::_imgRGBABuffer8, unsigned char, imgEncode8, 255>;
 using Depth16 = Depth<ktP::_imgRGBABuffer16, unsigned short, imgEncode16, 65535>;
@@ -90,13 +75,6 @@ struct Job {
     }
     void set(int x, int y, V r, V g, V b, V a) { image->write(x, y, r, g, b, a); }
     V* values() const { return reinterpret_cast<V*>(image->pixels); }
-    // Halves of the pixel as the buffer held it when the encode began; none outside it.
-    Bits expected(int x, int y) const
-    {
-        if (x >= width || y >= height) return Bits{};
-        const V* p = &original.at(static_cast<std::size_t>(4 * (x + width * y)));
-        return Bits{D::expected(p[0]), D::expected(p[1]), D::expected(p[2]), D::expected(p[3])};
-    }
     int encode(bool withRecords = true)
     {
         original.assign(values(), values() + 4 * width * height);
@@ -107,17 +85,17 @@ struct Job {
     Bytes bytes() const { return kt::test::contentOf(*file); }
     std::string info() const { return kt::test::textOf(image->imageInfo.infoText); }
 
-    int width, height, result = 0;
+    int width, height, result = 0;  // the image's size; what the last encode returned
     std::unique_ptr<typename D::Buffer> image;
     std::unique_ptr<ktP::_imgFileBuffer> file = kt::test::emptyFileBuffer(unsigned(width * height * 8 + 65536));
     std::unique_ptr<ktExrHeaderData> metadata = std::make_unique<ktExrHeaderData>();
     imgJobSettings settings{};
-    std::vector<V> original;
+    std::vector<V> original;  // the pixels as the encode found them
 };
 
 // The encoded file must be, byte for byte, what OpenEXR writes from the header
 // the encoders promise (its date stamp taken from the file, the client as
-// given) and the expected halves, one scan line per call, without threads.
+// given) and the expected halves.
 template <class D>
 void expectFile(const Job<D>& job, const Imath::Box2i& window, const char* client = nullptr)
 {
@@ -133,25 +111,26 @@ void expectFile(const Job<D>& job, const Imath::Box2i& window, const char* clien
     kt::test::MemoryOStream out;
     {
         Imf::RgbaOutputFile file(out, header, Imf::WRITE_RGBA, 0);
-        const int width = window.max.x - window.min.x + 1;
-        std::vector<Imf::Rgba> row(static_cast<std::size_t>(width));
-        for (int y = window.min.y; y <= window.max.y; ++y) {
+        const int width = window.max.x - window.min.x + 1, height = window.max.y - window.min.y + 1;
+        std::vector<Imf::Rgba> pixels(static_cast<std::size_t>(width * height));
+        for (int y = window.min.y; y <= window.max.y; ++y)
             for (int x = window.min.x; x <= window.max.x; ++x) {
-                const Bits b = job.expected(x, y);
-                Imf::Rgba& p = row[static_cast<std::size_t>(x - window.min.x)];
-                p.r.setBits(b[0]), p.g.setBits(b[1]), p.b.setBits(b[2]), p.a.setBits(b[3]);
+                const bool inside = x < job.width && y < job.height;
+                const auto* v = inside ? &job.original[static_cast<std::size_t>(4 * (x + job.width * y))] : nullptr;
+                Imf::Rgba& p = pixels[static_cast<std::size_t>((y - window.min.y) * width + x - window.min.x)];
+                half* const h[] = {&p.r, &p.g, &p.b, &p.a};
+                for (int c = 0; c < 4; ++c) h[c]->setBits(inside ? D::expected(v[c]) : 0);
             }
-            // OpenEXR addresses base + y * width + x; the base lies outside the row.
-            const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(row.data()) -
-                                        (std::uintptr_t(y) * std::uintptr_t(width) + std::uintptr_t(window.min.x)) * 8;
-            file.setFrameBuffer(reinterpret_cast<const Imf::Rgba*>(base), 1, static_cast<std::size_t>(width));
-            file.writePixels(1);
-        }
+        // OpenEXR addresses base + y * width + x; the base lies before the pixels.
+        const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(pixels.data()) -
+                                    (std::uintptr_t(window.min.y) * std::uintptr_t(width) + std::uintptr_t(window.min.x)) * 8;
+        file.setFrameBuffer(reinterpret_cast<const Imf::Rgba*>(base), 1, static_cast<std::size_t>(width));
+        file.writePixels(height);
     }
     const Bytes& want = out.bytes();
     const auto at = std::mismatch(written.begin(), written.end(), want.begin(), want.end()).first - written.begin();
     EXPECT_TRUE(written == want) << "first difference at byte " << at << " of " << written.size() << " (" << want.size()
-                                 << " expected); the header ends at " << kt::test::headerEnd(want);
+                                 << " expected)";
 }
 
 template <class D>
@@ -163,7 +142,8 @@ TYPED_TEST_SUITE(EncoderDepth, Depths);
 
 // Crop boxes: the first and last occupied rows, columns widened by any row,
 // a margin of three clipped at the edges; empty images get the integer
-// depths' small start box (even one larger than the image), the float depth's whole image.
+// depths' small start box (even one larger than the image), the float depth's
+// whole image. With worker threads rows go to OpenEXR in batches: not a byte may change.
 TYPED_TEST(EncoderDepth, CropBoxesAndEveryByteOfTheFile)
 {
     using D = TypeParam;
@@ -174,98 +154,40 @@ TYPED_TEST(EncoderDepth, CropBoxesAndEveryByteOfTheFile)
         Fill fill;
         Imath::Box2i window, emptyFloat = {};
     } cases[] = {
-        {100, 100, {{50, 40}}, All, box(47, 37, 53, 43)},
-        {100, 100, {{1, 1}}, All, box(0, 0, 4, 4)},
+        {100, 100, {{55, 40}}, All, box(52, 37, 58, 43)},  // columns are searched eight at a time
         {100, 100, {{3, 3}}, All, box(0, 0, 6, 6)},
         {100, 100, {{4, 4}}, All, box(1, 1, 7, 7)},
         {100, 100, {{99, 99}}, All, box(96, 96, 99, 99)},
-        {64, 32, {{63, 0}, {0, 31}}, All, box(0, 0, 63, 31)},
         {90, 60, {{45, 5}, {2, 30}, {88, 31}, {45, 50}}, All, box(0, 2, 89, 53)},  // widest rows in the middle
+        {400, 130, {{0, 3}, {399, 126}}, All, box(0, 0, 399, 129)},                  // many rows at once
         {90, 60, {{80, 10}, {20, 11}, {30, 40}}, All, box(17, 7, 83, 43)},        // first row furthest right
         {90, 60, {{50, 10}, {60, 20}, {5, 40}}, All, box(2, 7, 63, 43)},          // last row furthest left
-        {100, 100, {{10, 50}, {60, 50}}, All, box(7, 47, 63, 53)},
         {100, 100, {{30, 60}}, AlphaOnly, box(27, 57, 33, 63)},
         {100, 100, {{30, 60}}, ColourOnly, box(27, 57, 33, 63)},
         {50, 1, {{25, 0}}, All, box(22, 0, 28, 0)},
         {100, 100, {}, All, box(0, 0, 8, 8), box(0, 0, 99, 99)},
         {4, 3, {}, All, box(0, 0, 5, 5), box(0, 0, 3, 2)},
-        {1, 1, {}, All, box(0, 0, 5, 5), box(0, 0, 0, 0)},
         {7, 7, {}, All, box(0, 0, 6, 6), box(0, 0, 6, 6)},
     };
     const auto on = D::kOn, off = typename D::Value{};
-    for (const auto& c : cases) {
-        Job<D> job(c.width, c.height);
-        for (const auto& p : c.occupied)
-            job.set(p[0], p[1], c.fill == AlphaOnly ? off : on, c.fill == AlphaOnly ? off : on / 2,
-                    c.fill == All ? on / 4 : off, c.fill == ColourOnly ? off : on);
-        ASSERT_EQ(job.encode(), 1);
-        SCOPED_TRACE(::testing::Message() << c.width << " x " << c.height << ", " << c.occupied.size() << " pixels");
-        expectFile(job, D::isFloat && c.occupied.empty() ? c.emptyFloat : c.window);
-    }
-}
-
-// The crop search tests eight pixels at a time: every column must be found.
-TYPED_TEST(EncoderDepth, OccupiedPixelInEveryColumnOfAWideRow)
-{
-    for (int x = 0; x < 45; ++x) {
-        const int other = (x * 7 + 3) % 45;  // a second pixel on a later row, somewhere else
-        Job<TypeParam> job(45, 9);
-        job.set(x, 2, TypeParam::kOn, 0, 0, 0);
-        job.set(other, 6, 0, 0, 0, TypeParam::kOn);
-        kt::exr::CropBox found{};
-        ASSERT_TRUE(kt::exr::findOccupiedBox(*job.image, found));
-        EXPECT_EQ(box(found.minX, found.minY, found.maxX, found.maxY), box(std::min(x, other), 2, std::max(x, other), 6))
-            << x;
-    }
-}
-
-TEST(FloatEncoder, NegativeZeroIsEmptyAndNanOccupied)
-{
-    Job<DepthF> job(30, 30);
-    job.set(2, 2, -0.0f, -0.0f, -0.0f, -0.0f);
-    job.set(20, 21, 0.0f, 0.0f, std::numeric_limits<float>::quiet_NaN(), 0.0f);
-    ASSERT_EQ(job.encode(), 1);
-    expectFile(job, box(17, 18, 23, 24));
-    job.set(20, 21, 0.0f, 0.0f, 0.0f, 0.0f);  // nothing occupied: the whole image, the sign of zero kept
-    ASSERT_EQ(job.encode(), 1);
-    expectFile(job, box(0, 0, 29, 29));
-}
-
-// Rows are handed to OpenEXR in batches when it has worker threads: not a
-// byte may change, also for a region far wider than tall and a full image.
-TYPED_TEST(EncoderDepth, BytesEqualOpenExrWritingOneLinePerCall)
-{
-    using D = TypeParam;
-    const struct {
-        int width, height;
-        Imath::Box2i block, window;  // random values in the block, its edges all occupied
-    } shapes[] = {{61, 157, box(5, 4, 54, 149), box(2, 1, 57, 152)},
-                  {700, 40, box(0, 20, 699, 20), box(0, 17, 699, 23)},
-                  {37, 23, box(0, 0, 36, 22), box(0, 0, 36, 22)}};
     const int saved = Imf::globalThreadCount();
-    for (int threads : {0, 1, 2, 3, 8}) {
+    for (int threads : {0, 3}) {
         Imf::setGlobalThreadCount(threads);
-        for (const auto& s : shapes) {
-            SCOPED_TRACE(::testing::Message() << threads << " threads, " << s.width << " x " << s.height);
-            Job<D> job(s.width, s.height);
-            std::mt19937 random(static_cast<unsigned>(threads + s.width));
-            const Imath::Box2i& b = s.block;
-            for (int y = b.min.y; y <= b.max.y; ++y)
-                for (int x = b.min.x; x <= b.max.x; ++x) {
-                    const unsigned r = random() % 200;
-                    const auto v = static_cast<typename D::Value>(r);
-                    if (r % 5 != 0 || x == b.min.x || x == b.max.x || y == b.min.y || y == b.max.y)
-                        job.set(x, y, v, static_cast<typename D::Value>(v / 2), 0, D::kOn);
-                }
+        for (const auto& c : cases) {
+            Job<D> job(c.width, c.height);
+            for (const auto& p : c.occupied)
+                job.set(p[0], p[1], c.fill == AlphaOnly ? off : on, c.fill == AlphaOnly ? off : on / 2,
+                        c.fill == All ? on / 4 : off, c.fill == ColourOnly ? off : on);
             ASSERT_EQ(job.encode(), 1);
-            expectFile(job, s.window);
+            SCOPED_TRACE(::testing::Message() << c.width << " x " << c.height << ", " << threads << " threads");
+            expectFile(job, D::isFloat && c.occupied.empty() ? c.emptyFloat : c.window);
         }
     }
     Imf::setGlobalThreadCount(saved);
 }
 
 // Both ways of converting (the processor's half instructions and the
-// portable one) against the oracle, pixel by pixel.
+// portable one) against the oracle, value by value.
 template <class T, class Oracle>
 void expectConversions(std::vector<T> src, Oracle oracle)
 {
@@ -274,12 +196,14 @@ void expectConversions(std::vector<T> src, Oracle oracle)
     std::vector<Imf::Rgba> fast(src.size() / 4), portable(src.size() / 4);
     kt::exr::toHalfPixels(src.data(), pixels, fast.data());
     kt::exr::toHalfPixelsPortable(src.data(), pixels, portable.data());
+    auto isNan = [](std::uint16_t bits) { return (bits & 0x7C00) == 0x7C00 && (bits & 0x03FF) != 0; };
     int mismatches = 0;
     for (std::size_t i = 0; i < src.size(); ++i) {
         const Imf::Rgba &f = fast[i / 4], &p = portable[i / 4];
         const half fh[] = {f.r, f.g, f.b, f.a}, ph[] = {p.r, p.g, p.b, p.a};
-        const std::uint16_t a = fh[i % 4].bits(), b = ph[i % 4].bits(), want = oracle(src[i]);
-        if ((a != b || (isHalfNan(want) ? !isHalfNan(a) : a != want)) && ++mismatches <= 5)
+        const std::uint16_t a = fh[i % 4].bits(), b = ph[i % 4].bits();
+        const std::uint16_t want = oracle(src[i]);
+        if ((a != b || (isNan(want) ? !isNan(a) : a != want)) && ++mismatches <= 5)
             ADD_FAILURE() << double(src[i]) << " (index " << i << "): " << std::hex << a << " / " << b << ", not " << want;
     }
     EXPECT_EQ(mismatches, 0);
@@ -305,8 +229,7 @@ TEST(HalfConversion, EveryByteWordAndFloatNearARoundingBoundary)
         for (std::uint32_t high = 0; high < 1024; high += 31)
             for (std::uint32_t low : {0x0000u, 0x0001u, 0x0FFFu, 0x1000u, 0x1001u, 0x1FFFu, 0x17FFu, 0x1800u, 0x0800u})
                 add(floats, e << 23 | high << 13 | low), add(floats, e << 23 | (1023 - high) << 13 | (low ^ 0x1FFFu));
-    for (std::uint32_t bits : {0x00000001u, 0x007FFFFFu, 0x7F7FFFFFu, 0x7F800000u, 0x477FEFFFu, 0x477FF000u,
-                               0x33000000u, 0x33000001u, 0x387FE000u, 0x387FF000u})
+    for (std::uint32_t bits : {0x00000001u, 0x007FFFFFu, 0x7F7FFFFFu, 0x7F800000u, 0x477FEFFFu, 0x477FF000u})
         add(floats, bits);
     expectConversions(floats, nearestHalf);
 #if defined(__x86_64__)
@@ -324,7 +247,8 @@ TEST(HalfConversion, EveryByteWordAndFloatNearARoundingBoundary)
 // attribute for "ktClient..." (read up to the end of its field; the float
 // encoder names it without "KT/"), the region line for "ktExrCropRegion..."
 // and "ktAssembleTiles..." when verbose; otherwise the float encoder marks the
-// description instead, never past its 250 characters.
+// description instead, never past its 250 characters. "ktExrCropRegion_UNDO..."
+// makes the float encoder write the whole image and leave the buffer alone.
 TYPED_TEST(EncoderDepth, ProgramNameDecidesClientAttributeAndRegionReport)
 {
     using D = TypeParam;
@@ -332,47 +256,38 @@ TYPED_TEST(EncoderDepth, ProgramNameDecidesClientAttributeAndRegionReport)
     const struct {
         unsigned char verbose;
         const char* appName;
-        int width, height;
-        std::vector<std::array<int, 2>> occupied;
-        Imath::Box2i window;
+        int size, x, y;  // a square image with one occupied pixel
         const char* line;
-        bool written;
         std::size_t text;  // characters in the description before
+        bool client = false;
     } cases[] = {
-        {1, "ktExrCropRegion", 100, 100, {{50, 40}}, box(47, 37, 53, 43),
-         "    EXR region:    min:   47   37    max:   53   43     0.5%\n", false, 4},
-        {1, "ktAssembleTiles", 100, 100, {{10, 10}, {89, 89}}, box(7, 7, 92, 92),
-         "    EXR region:    min:    7    7    max:   92   92    74.0%\n", false, 4},
-        {7, "KTEXRCROPREGION tool", 100, 100, {{0, 0}, {99, 99}}, box(0, 0, 99, 99),
-         "    EXR region:    min:    0    0    max:   99   99   100.0%\n", false, 4},
-        {1, "ktassembletiles2", 1500, 1000, {{1234, 900}}, box(1231, 897, 1237, 903),
-         "    EXR region:    min: 1231  897    max: 1237  903     0.0%\n", false, 4},
-        {1, "ktAssembleTiles", 30, 3, {{0, 1}}, box(0, 0, 3, 2),
-         "    EXR region:    min:    0    0    max:    3    2    13.3%\n", false, 4},
-        {0, "ktExrCropRegion", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 0},
-        {1, "ktExrCrop", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 243},
-        {1, "", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 244},
-        {1, " ktAssembleTiles", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 249},
-        {1, "ktClient", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", true, 250},
-        {0, "ktClientMonitor", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", true, 4},
-        {1, "KTCLIENT x", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", true, 4},
-        {0, "ktClien", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 4},
-        {0, "myktClient", 20, 20, {{5, 5}}, box(2, 2, 8, 8), "", false, 4},
+        {1, "ktExrCropRegion", 100, 50, 40, "    EXR region:    min:   47   37    max:   53   43     0.5%\n", 4},
+        {7, "KTEXRCROPREGION tool", 10, 5, 5, "    EXR region:    min:    2    2    max:    8    8    49.0%\n", 4},
+        {1, "ktassembletiles2", 1500, 1234, 900, "    EXR region:    min: 1231  897    max: 1237  903     0.0%\n", 4},
+        {1, "ktExrCropRegion_UNDO", 21, 5, 5, "    EXR region:    min:    2    2    max:    8    8    11.1%\n", 4},
+        {0, "ktExrCropRegion", 20, 5, 5, "", 0},  {1, "ktExrCrop", 20, 5, 5, "", 243}, {1, "", 20, 5, 5, "", 244},
+        {1, "ktClient", 20, 5, 5, "", 250, true}, {1, "KTCLIENT x", 20, 5, 5, "", 4, true}, {0, "ktClien", 20, 5, 5, "", 4},
+        {0, "myktClient", 20, 5, 5, "", 4},
     };
     for (const auto& c : cases) {
-        Job<D> job(c.width, c.height);
-        for (const auto& p : c.occupied) job.set(p[0], p[1], D::kOn, D::kOn, D::kOn, D::kOn);
+        Job<D> job(c.size, c.size);
+        job.set(c.x, c.y, D::kOn, D::kOn, D::kOn, D::kOn);
         job.settings.verbose = c.verbose;
         job.settings.appName = c.appName;
         std::strcpy(job.settings.clientName, client.c_str());
         const std::string before(c.text, 'i');
         job.image->imageInfo.infoText = before.c_str();
+        const bool whole = D::isFloat && std::strstr(c.appName, "_UNDO");
         ::testing::internal::CaptureStdout();
         EXPECT_EQ(job.encode(), 1);
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.line) << c.appName;
-        EXPECT_EQ(job.info(), (before + (D::isFloat && !*c.line ? " region" : "")).substr(0, 250)) << c.appName;
         SCOPED_TRACE(c.appName);
-        expectFile(job, c.window, c.written ? client.c_str() : nullptr);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), whole ? "    EXR NO CROP" : c.line);
+        EXPECT_EQ(job.info(), (before + (D::isFloat && !*c.line ? " region" : "")).substr(0, 250));
+        if (whole) {
+            EXPECT_EQ(std::memcmp(job.original.data(), job.values(), job.original.size() * sizeof(float)), 0);
+        }
+        expectFile(job, whole ? box(0, 0, c.size - 1, c.size - 1) : box(c.x - 3, c.y - 3, c.x + 3, c.y + 3),
+                   c.client ? client.c_str() : nullptr);
     }
     Job<D> job(8, 8);
     job.settings.appName = "ktClient";
@@ -381,52 +296,23 @@ TYPED_TEST(EncoderDepth, ProgramNameDecidesClientAttributeAndRegionReport)
     expectFile(job, box(0, 0, 7, 7), std::string(255, 'c').c_str());
 }
 
-// After writing, red, green and blue outside the region become 0.04; the
-// region's own last row is painted too. The file holds the image as it was.
+// After writing, red, green and blue outside the region become 0.04 (the
+// region's own last row too); the file holds the image as it was.
 TEST(FloatEncoder, PaintsOutsideTheRegionAndTheRegionsLastRow)
 {
     const int w = 20, h = 12;
     Job<DepthF> job(w, h);
     job.set(9, 5, 0.0f, 0.0f, 0.0f, 0.25f);
-    job.set(11, 6, 0.0f, 0.5f, 0.0f, 0.0f);
-    job.set(10, 5, 2.0f, 3.0f, 4.0f, 0.5f);
-    for (int x = 0; x < w; ++x) job.set(x, 0, 0.0f, 0.0f, 0.0f, -0.0f);  // empty; the sign of its alpha stays
-    const std::vector<float> before(job.values(), job.values() + 4 * w * h);
+    job.set(11, 6, 0.0f, 0.5f, std::numeric_limits<float>::quiet_NaN(), 0.0f);  // NaN counts as occupied
+    for (int x = 0; x < w; ++x) job.set(x, 0, -0.0f, 0.0f, 0.0f, -0.0f);  // -0 is empty; its sign stays
     ASSERT_EQ(job.encode(), 1);
     expectFile(job, box(6, 2, 14, 9));
     for (int i = 0; i < 4 * w * h; ++i) {
         const int x = i / 4 % w, y = i / 4 / w;
         const bool painted = i % 4 != 3 && (x < 6 || x > 14 || y < 2 || y >= 9);
-        EXPECT_EQ(bitsOf(job.values()[i]), painted ? 0x3D23D70Au : bitsOf(before[static_cast<std::size_t>(i)]))
-            << "(" << x << ", " << y << ") channel " << i % 4;
+        const float want = painted ? 0.04f : job.original[static_cast<std::size_t>(i)];
+        EXPECT_EQ(std::memcmp(&job.values()[i], &want, 4), 0) << "(" << x << ", " << y << ") channel " << i % 4;
     }
-}
-
-// "ktExrCropRegion_UNDO..." makes the float encoder write the whole image and
-// leave the buffer and its description alone; the integer depths crop as ever.
-TEST(FloatEncoder, NoCropModeWritesTheWholeImageAndLeavesTheBufferAlone)
-{
-    for (unsigned char verbose : {0, 1}) {
-        Job<DepthF> job(50, 30);
-        job.set(25, 15, 1.0f, 1.0f, 1.0f, 1.0f);
-        job.settings.verbose = verbose;
-        job.settings.appName = "ktExrCropRegion_UNDO";
-        job.image->imageInfo.infoText = "text";
-        ::testing::internal::CaptureStdout();
-        ASSERT_EQ(job.encode(), 1);
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), verbose ? "    EXR NO CROP" : "");
-        EXPECT_EQ(job.info(), "text");
-        EXPECT_EQ(std::memcmp(job.original.data(), job.values(), job.original.size() * sizeof(float)), 0);
-        expectFile(job, box(0, 0, 49, 29));
-    }
-    Job<Depth16> job(50, 30);
-    job.set(25, 15, 1, 1, 1, 1);
-    job.settings.verbose = 1;
-    job.settings.appName = "ktexrcropregion_undo";
-    ::testing::internal::CaptureStdout();
-    ASSERT_EQ(job.encode(), 1);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "    EXR region:    min:   22   12    max:   28   18     3.3%\n");
-    expectFile(job, box(22, 12, 28, 18));
 }
 
 // A file buffer one byte too small for the file is answered with 4 and a
@@ -450,7 +336,7 @@ TYPED_TEST(EncoderDepth, BufferTooSmallIsReportedNeverTruncated)
     const auto exact = attempt(length + 9);
     ASSERT_EQ(exact->result, 1);
     expectFile(*exact, box(0, 0, 39, 29));
-    for (unsigned capacity : {length + 8, length / 2, 200u}) {
+    for (unsigned capacity : {length + 8, 200u}) {
         const auto job = attempt(capacity);
         EXPECT_EQ(job->result, 4) << capacity;
         EXPECT_EQ(job->info(), (text + (D::isFloat ? " region" : "") + " ERR: File buffer too small!").substr(0, 250));
@@ -459,45 +345,34 @@ TYPED_TEST(EncoderDepth, BufferTooSmallIsReportedNeverTruncated)
 }
 
 // Host records the encoders cannot use: metadata OpenEXR refuses, an image
-// without pixels (6); no file or image, an image larger than its memory (4).
-// Without settings or metadata the file is written with the stamps alone.
+// without pixels (6, the buffer emptied); no file or image, an image larger
+// than its memory (4). Without settings or metadata the stamps alone are written.
 TYPED_TEST(EncoderDepth, RecordsThatCannotBeWrittenFail)
 {
     using D = TypeParam;
-    const struct {
-        const char* name;
-        ktExrAttrType type;
-    } metadata[] = {{"dataWindow", ktExrAttrType::Int}, {"compression", ktExrAttrType::Float}, {"", ktExrAttrType::String}};
-    for (const auto& m : metadata) {
-        Job<D> job(10, 10);
-        job.file->writeString("old content");
-        job.metadata->magic = ktExrHeaderMagic;
-        job.metadata->count = 1;
-        job.metadata->entries[0].name = m.name;
-        job.metadata->entries[0].type = m.type;
-        EXPECT_EQ(job.encode(), 6) << m.name;
-        EXPECT_EQ(job.file->fileSize, 0) << "the buffer is emptied and nothing is written";
-        EXPECT_EQ(job.info(), D::isFloat ? " region" : "");
-    }
     Job<D> job(10, 10);
-    for (int side : {0, 1}) {
-        job.file->writeString("old content");
-        side ? job.image->setHeight(0) : job.image->setWidth(0);
-        EXPECT_EQ(job.encode(), 6);
-        EXPECT_EQ(job.file->fileSize, 0);
-        job.image->setWidth(10), job.image->setHeight(10);
-    }
+    job.file->writeString("old content");
+    job.metadata->magic = ktExrHeaderMagic;
+    job.metadata->count = 1;
+    job.metadata->entries[0].name = "dataWindow";  // a standard attribute's name with another type
+    job.metadata->entries[0].type = ktExrAttrType::Int;
+    EXPECT_EQ(job.encode(), 6);
+    EXPECT_EQ(job.file->fileSize, 0) << "the buffer is emptied and nothing is written";
+    job.metadata->count = 0;
+    job.file->writeString("old content");
+    job.image->setHeight(0);
+    EXPECT_EQ(job.encode(), 6);
+    EXPECT_EQ(job.file->fileSize, 0);
     job.file->writeString("kept");
+    job.image->setHeight(10);
     job.image->height = 11;  // a host record out of step with its capacity
     EXPECT_EQ(job.encode(), 4);
     EXPECT_EQ(job.file->fileSize, 4);
     job.image->height = 10;
-
     EXPECT_EQ(D::encode(nullptr), 4);
-    imgCallRecord noFile{nullptr, job.image.get(), job.metadata.get(), &job.settings};
-    EXPECT_EQ(D::encode(&noFile), 4);
-    imgCallRecord noImage{job.file.get(), nullptr, job.metadata.get(), &job.settings};
-    EXPECT_EQ(D::encode(&noImage), 4);
+    for (imgCallRecord call : {imgCallRecord{nullptr, job.image.get(), job.metadata.get(), &job.settings},
+                               imgCallRecord{job.file.get(), nullptr, job.metadata.get(), &job.settings}})
+        EXPECT_EQ(D::encode(&call), 4);
     job.set(1, 1, D::kOn, 0, 0, 0);
     ASSERT_EQ(job.encode(false), 1);
     expectFile(job, box(0, 0, 4, 4));

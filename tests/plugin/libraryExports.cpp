@@ -26,10 +26,17 @@ std::set<std::string> dynamicSymbols(bool demangled)
     static const std::regex tail(R"( [A-Za-z] [0-9a-f]+( [0-9a-f]+)?\s*$)");
     char line[8192];
     std::smatch m;
-    for (std::string entry; std::fgets(line, sizeof line, pipe); )
-        if (entry = line; std::regex_search(entry, m, tail)) names.insert(entry.substr(0, static_cast<std::size_t>(m.position(0))));
+    for (std::string entry; std::fgets(line, sizeof line, pipe);)
+        if (entry = line; std::regex_search(entry, m, tail))
+            names.insert(entry.substr(0, static_cast<std::size_t>(m.position(0))));
     pclose(pipe);
     return names;
+}
+
+template <class Text>
+std::string textOf(const Text& t)
+{
+    return std::string(t.text, t.text + t.length) + (t.text[t.length] == 0 ? "" : "<no terminator>");
 }
 
 }  // namespace
@@ -59,7 +66,7 @@ TEST(LibraryExports, EveryStringCapacityInstantiated)
         for (int n : capacities) {
             const std::string prefix = std::string(name) + "<" + std::to_string(n) + ">::";
             const auto it = names.lower_bound(prefix);
-            EXPECT_TRUE(it != names.end() && it->compare(0, prefix.size(), prefix) == 0) << prefix << " has no exported member";
+            EXPECT_TRUE(it != names.end() && it->compare(0, prefix.size(), prefix) == 0) << prefix << " not exported";
         }
 }
 
@@ -70,14 +77,16 @@ TEST(LibraryExports, NothingOfOpenExrOrTheStandardLibrary)
         if (n.rfind("headerGetData(", 0) != 0 && n.rfind("headerInsertData(", 0) != 0) {
             EXPECT_EQ(n.find("Imf_"), std::string::npos) << n;
         }
-        EXPECT_EQ(n.find("Imath_"), std::string::npos) << n;
-        EXPECT_EQ(n.find("Iex_"), std::string::npos) << n;
+        for (const char* foreign : {"Imath_", "Iex_"}) EXPECT_EQ(n.find(foreign), std::string::npos) << n;
         EXPECT_NE(n.rfind("std::", 0), 0u) << n;
         EXPECT_NE(n.rfind("kt::", 0), 0u) << "internal helper exported: " << n;
     }
 }
 
-TEST(LibraryExports, HostLoadsAndCallsImgInfo)
+// Through dlsym: gammaV's bits; imgInfo writes the identity whatever the
+// version, the patterns, flag byte and masks only for 0xA004, never the host's
+// own byte ranges; imgUnload may be called again.
+TEST(LibraryExports, HostLoadsAndCallsTheExports)
 {
     void* library = dlopen(KT_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
@@ -88,11 +97,37 @@ TEST(LibraryExports, HostLoadsAndCallsImgInfo)
     std::uint32_t bits;
     std::memcpy(&bits, gamma, 4);
     EXPECT_EQ(bits, 0x3EE8BA2Eu);  // one unit in the last place below the float nearest to 1/2.2
-    imgPluginInfo record;
-    std::memset(static_cast<void*>(&record), 0, sizeof record);
-    record.interfaceVersion = 0xA004;
-    EXPECT_EQ(info(&record), 1);
-    EXPECT_EQ(record.name.length, 7);
+    for (unsigned short version : {0xA004, 0xA003}) {
+        imgPluginInfo record;
+        std::memset(static_cast<void*>(&record), 0x77, sizeof record);
+        record.interfaceVersion = version;
+        EXPECT_EQ(info(&record), version == 0xA004 ? 1 : 5);
+        EXPECT_EQ(record.interfaceVersion, 0xA004);
+        EXPECT_EQ(record.pluginKind, 2);
+        EXPECT_EQ(textOf(record.name) + "|" + textOf(record.author) + "|" + textOf(record.interfaceText) + "|" +
+                      textOf(record.version),
+                  "OpenExr|KT, Imaging Plugin Team|1.0| 8.3.08");
+        EXPECT_EQ(record.flagWordA, 1);
+        EXPECT_EQ(record.flagWordB, 48);
+        EXPECT_EQ(record.flagWordC, 0);
+        const bool current = version == 0xA004;
+        EXPECT_EQ(record.flagByte, current ? 0 : 0x77);
+        EXPECT_EQ(record.maskA, current ? 340u : 0x77777777u);
+        EXPECT_EQ(record.maskB, current ? 254 : 0x7777);
+        if (current) {
+            EXPECT_EQ(textOf(record.filePatterns), "*.exr;*.cxr");
+        } else {
+            EXPECT_EQ(record.filePatterns.length, 0x7777);
+        }
+        const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+        const std::pair<std::size_t, std::size_t> hostRanges[] = {
+            {offsetof(imgPluginInfo, hostReserved0), sizeof record.hostReserved0},
+            {offsetof(imgPluginInfo, hostReserved1), sizeof record.hostReserved1},
+            {offsetof(imgPluginInfo, hostReserved2), sizeof record.hostReserved2},
+            {offsetof(imgPluginInfo, hostReserved3), sizeof record.hostReserved3}};
+        for (const auto& [first, size] : hostRanges)
+            for (std::size_t i = first; i < first + size; ++i) EXPECT_EQ(bytes[i], 0x77) << "host byte " << i;
+    }
     EXPECT_EQ(unload(), 1);
     EXPECT_EQ(unload(), 1);
     dlclose(library);
