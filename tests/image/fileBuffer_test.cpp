@@ -43,17 +43,17 @@ struct Read {
     std::uint64_t own, other;
 };
 
-#define KT_READ(T, width, positional, call, own, other)                   \
-    Read{#call, width, sizeof(T), positional,                             \
-         [](_imgFileBuffer& b, int p, bool e, std::uint64_t& bits) {      \
-             if (!positional) b.setBufPosition(p);                        \
-             T v;                                                         \
-             std::memcpy(&v, &bits, sizeof v);                            \
-             const bool ok = b.call;                                      \
-             bits = 0;                                                    \
-             std::memcpy(&bits, &v, sizeof v);                            \
-             return (void)e, ok;                                          \
-         },                                                               \
+#define KT_READ(T, width, positional, call, own, other)                                \
+    Read{#call, width, sizeof(T), positional,                                          \
+         [](_imgFileBuffer& b, int p, [[maybe_unused]] bool e, std::uint64_t& bits) { \
+             if (!positional) b.setBufPosition(p);                                     \
+             T v;                                                                      \
+             std::memcpy(&v, &bits, sizeof v);                                         \
+             const bool ok = b.call;                                                   \
+             bits = 0;                                                                 \
+             std::memcpy(&bits, &v, sizeof v);                                         \
+             return ok;                                                                \
+         },                                                                            \
          own, other}
 
 const Read kReads[] = {

@@ -146,7 +146,8 @@ TEST(RgbaBufferPacked, ReadsPackRedLowestAndFallBackPerDepth)
 TYPED_TEST(RgbaBuffer, ClearAndSingleElementsStopAtTheCapacity)
 {
     typename TypeParam::Buffer b(5);
-    b.pixelFlags = 1, b.descFlag = 3;
+    b.pixelFlags = 1;
+    b.descFlag = 3;
     b.clear();
     EXPECT_TRUE(b.pixelFlags == 0 && b.descFlag == 3);
     for (int i = 0; i < 5 * TypeParam::bytes; ++i) ASSERT_EQ(b.pixels[i], 0x60) << i;
@@ -219,7 +220,9 @@ TYPED_TEST(RgbaBuffer, CopyToSettlesWidthBeforeHeight)
     src.setWidth(10);
     src.setHeight(10);
     for (int n = 0; n < 100; ++n) src.write(n, TypeParam::no(n));
-    src.descFlag = 5, src.pixelFlags = 1, src.reserved[0] = 9;
+    src.descFlag = 5;
+    src.pixelFlags = 1;
+    src.reserved[0] = 9;
     src.imageInfo.infoText = "half RGBA";
     Buffer small(99), tall(100), roomy(400), half(50);
     small.setHeight(9);
@@ -254,7 +257,8 @@ TEST(RgbaBuffer8, LetterBoxSharesRowsOfTheSource)
     view.createLetterBox(&src, 8, 10);  // cut to the 8 rows left
     EXPECT_TRUE(view.maxPixels == 32 && view.pixelCount == 32 && view.width == 1 && view.allocation == nullptr);
     EXPECT_EQ(view.pixels, src.pixels + 32 * 4);
-    view.width = 4, view.height = 8;
+    view.width = 4;
+    view.height = 8;
     view.write(3, 7, _Rgba8{1, 1, 1, 1});
     view.write(0, 8, _Rgba8{2, 2, 2, 2});  // below the view's rows: nothing
     EXPECT_TRUE(src.read(3, 15) == 0x01010101u && same(Depth8::get(view, 1, 0), Depth8::no(33)));
