@@ -122,8 +122,8 @@ void expectFile(const Job<D>& job, const Imath::Box2i& window, const char* clien
                 for (int c = 0; c < 4; ++c) h[c]->setBits(inside ? D::expected(v[c]) : 0);
             }
         // OpenEXR addresses base + y * width + x; the base lies before the pixels.
-        const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(pixels.data()) -
-                                    (std::uintptr_t(window.min.y) * std::uintptr_t(width) + std::uintptr_t(window.min.x)) * 8;
+        const std::uintptr_t origin = std::uintptr_t(window.min.y) * std::uintptr_t(width) + std::uintptr_t(window.min.x);
+        const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(pixels.data()) - origin * sizeof(Imf::Rgba);
         file.setFrameBuffer(reinterpret_cast<const Imf::Rgba*>(base), 1, static_cast<std::size_t>(width));
         file.writePixels(height);
     }

@@ -83,9 +83,8 @@ Bytes lastChunkShortened(bool tiled)
     const std::vector<std::uint64_t> offsets = chunkOffsets(file);
     const std::size_t at = sizeField(*std::max_element(offsets.begin(), offsets.end()), tiled);
     const auto size = static_cast<std::uint32_t>(littleEndianAt(file, at) / 4);
-    const Bytes shorter = patched(file, at, {static_cast<unsigned char>(size), static_cast<unsigned char>(size >> 8),
-                                             static_cast<unsigned char>(size >> 16), static_cast<unsigned char>(size >> 24)});
-    return truncated(shorter, at + 4 + size);
+    const auto byte = [size](int shift) { return static_cast<unsigned char>(size >> shift); };
+    return truncated(patched(file, at, {byte(0), byte(8), byte(16), byte(24)}), at + 4 + size);
 }
 
 }  // namespace
@@ -108,7 +107,7 @@ TEST(FileBufferStream, ReadsThroughTheBuffersCursor)
         char dst[16] = {};
         EXPECT_EQ(in.read(dst, r.n), r.more) << r.start << " + " << r.n;
         EXPECT_EQ(in.tellg(), static_cast<uint64_t>(r.start + r.n));
-        EXPECT_EQ(std::string(dst, std::size_t(r.n)), std::string("012345678").substr(std::size_t(r.start), std::size_t(r.n)));
+        EXPECT_EQ(std::string(dst, std::size_t(r.n)), std::string("012345678").substr(std::size_t(r.start), r.n));
     }
     char dst[16];
     in.seekg(4);

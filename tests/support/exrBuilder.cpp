@@ -64,7 +64,9 @@ void storeSample(unsigned char* at, Imf::PixelType type, double v)
     const half h(static_cast<float>(v));
     const float f = static_cast<float>(v);
     const std::uint32_t u = v >= 4294967295.0 ? 0xFFFFFFFFu : v > 0 ? static_cast<std::uint32_t>(v) : 0;
-    const void* from = type == Imf::HALF ? static_cast<const void*>(&h) : type == Imf::FLOAT ? static_cast<const void*>(&f) : &u;
+    const void* from = type == Imf::HALF    ? static_cast<const void*>(&h)
+                       : type == Imf::FLOAT ? static_cast<const void*>(&f)
+                                            : &u;
     std::memcpy(at, from, sampleSize(type));
 }
 
@@ -196,7 +198,8 @@ void writePixels(Out& out, const ExrPart& part)
             for (std::size_t i = 0; i < frame.pixels; ++i)
                 for (unsigned int s = 0; s < frame.counts[i]; ++s)
                     storeSample(frame.sample(c, i, s), frame.types[c],
-                                valueOf(part, part.channels[c], w.min.x + int(i % frame.width), w.min.y + int(i / frame.width)));
+                                valueOf(part, part.channels[c], w.min.x + int(i % frame.width),
+                                        w.min.y + int(i / frame.width)));
         out.setFrameBuffer(frame.frameBuffer);
         if (lines > 0) out.writePixels(lines);
     } else {
