@@ -1,5 +1,7 @@
-// Small EXR files of many kinds, the starting points of the truncation and
-// mutation sweeps, the concurrency test and the fuzzers' seeds.
+// Small EXR files of many kinds, where the truncation and concurrency tests
+// and the fuzzers start: scan lines and tiles (one level, mip- and rip-mapped),
+// every lossless and two lossy compressions, half, float and unsigned channels,
+// data windows inside and across, metadata, chroma, multi-part, deep.
 #pragma once
 
 #include <string>
@@ -14,10 +16,6 @@ struct SampleFile {
     kt::test::Bytes bytes;
 };
 
-// Scan-line and tiled (one level, mip-mapped, rip-mapped), every lossless and
-// two lossy compressions, half, float and unsigned channels, data windows
-// inside and across the display window, metadata, luminance/chroma,
-// multi-part and deep files. A few kB each.
 std::vector<SampleFile> sampleFiles();
 
 }  // namespace kt::robust
