@@ -2,7 +2,12 @@
 // writes is read back by OpenEXR itself and by oiiotool, never by ktexr.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/xattr.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,7 +38,8 @@ struct ProgramRun {
 
 // Runs a program (looked up on the PATH) and waits for it. A file size limit
 // >= 0 makes its writes fail part-way.
-ProgramRun run(const Args& args, long long fileSizeLimit = -1)
+// Standard output goes to `stdoutTo` when named; a user ID >= 0 runs the program as that user.
+ProgramRun run(const Args& args, long long fileSizeLimit = -1, const std::string& stdoutTo = "", int asUser = -1)
 {
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -42,10 +48,12 @@ ProgramRun run(const Args& args, long long fileSizeLimit = -1)
     std::FILE* err = std::tmpfile();
     const pid_t child = fork();
     if (child == 0) {
-        dup2(fileno(out), 1);
+        const int named = stdoutTo.empty() ? -1 : open(stdoutTo.c_str(), O_WRONLY);
+        dup2(named >= 0 ? named : fileno(out), 1);
         dup2(fileno(err), 2);
         const rlimit limit{static_cast<rlim_t>(fileSizeLimit), static_cast<rlim_t>(fileSizeLimit)};
         if (fileSizeLimit >= 0) setrlimit(RLIMIT_FSIZE, &limit);
+        if (asUser >= 0 && (setgid(static_cast<gid_t>(asUser)) != 0 || setuid(static_cast<uid_t>(asUser)) != 0)) _exit(126);
         execvp(argv[0], argv.data());
         _exit(127);
     }
@@ -110,6 +118,20 @@ ExrPart framePart(const Imath::Box2i& region)
 
 Imf::Header headerOf(const std::string& path) { return readExr(readFileBytes(path), 0, false).header; }
 
+// A file ktexr wrote must open with OpenEXR's C++ library, pixels included, and with its Core library (exrinfo).
+void expectReadableByOpenExr(const std::string& path)
+{
+    EXPECT_NO_THROW(readExr(readFileBytes(path))) << path;
+    ProgramRun core = run({"exrinfo", "-v", path});
+    EXPECT_EQ(core.status, 0) << path << ": " << core.out << core.err;
+}
+
+mode_t kindOf(const std::string& path)
+{
+    struct stat st{};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
+
 class Ktexr : public testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
@@ -139,10 +161,10 @@ protected:
         return paths;
     }
 
-    ProgramRun ktexr(Args args, long long fileSizeLimit = -1)
+    ProgramRun ktexr(Args args, long long fileSizeLimit = -1, const std::string& stdoutTo = "", int asUser = -1)
     {
         args.insert(args.begin(), KTEXR_PATH);
-        return run(args, fileSizeLimit);
+        return run(args, fileSizeLimit, stdoutTo, asUser);
     }
     // Whether oiiotool succeeds: with --diff, whether the two images match.
     bool oiio(Args args)
@@ -403,6 +425,59 @@ TEST_F(Ktexr, CropAndUndoKeepEveryPixelAndAttribute)
     }
 }
 
+// An output that is not a regular file is written through (a device, a pipe, standard output) or refused (a
+// socket), never replaced; an output that is an input, links followed, is refused and the input stays as it was.
+TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
+{
+    const std::string source = exr("source.exr", renderWithBorder()), png = at("source.png");
+    ASSERT_EQ(ktexr({"decode", source, "-o", png}).status, 0);
+    const Args tile = tiles("tile", {box(0, 0, 63, 47)});
+    ASSERT_EQ(mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0666), 0);
+    ASSERT_EQ(symlink(at("null").c_str(), at("stdout").c_str()), 0);  // as /dev/stdout is a link
+    ASSERT_EQ(symlink(png.c_str(), at("png-link.png").c_str()), 0);
+    ASSERT_EQ(symlink(source.c_str(), at("exr-link.exr").c_str()), 0);
+    const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", at("socket").c_str());
+    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int fifoReader = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(fifoReader, 0);
+    const std::pair<std::string, Bytes> inputs[] = {{source, readFileBytes(source)}, {png, readFileBytes(png)},
+                                                    {tile[0], readFileBytes(tile[0])}};
+
+    const struct { Args args; int status; std::string output; mode_t kind; } cases[] = {
+        {{"encode", png, "-o", at("null")}, 0, "null", S_IFCHR},
+        {{"crop", source, "-o", at("stdout")}, 0, "stdout", S_IFLNK},
+        {{"encode", png, "-o", at("fifo")}, 0, "fifo", S_IFIFO},
+        {{"encode", png, "-o", at("socket")}, 8, "socket", S_IFSOCK},
+        {{"encode", png, "-o", png}, 9, "source.png", S_IFREG},
+        {{"encode", png, "-o", at("png-link.png")}, 9, "png-link.png", S_IFLNK},
+        {{"crop", source, "-o", at("exr-link.exr")}, 9, "exr-link.exr", S_IFLNK},
+        {{"assemble", "-o", tile[0], tile[0]}, 9, "tile1.exr", S_IFREG},
+    };
+    for (const auto& c : cases) {
+        ProgramRun r = ktexr(c.args);
+        EXPECT_EQ(r.status, c.status) << testing::PrintToString(c.args) << "\n" << r.err;
+        EXPECT_EQ(kindOf(at(c.output)), c.kind) << c.output;
+    }
+    EXPECT_EQ(kindOf(at("null")), static_cast<mode_t>(S_IFCHR));
+    for (const auto& [path, bytes] : inputs) EXPECT_EQ(readFileBytes(path), bytes) << path;
+    Bytes piped(1 << 16);
+    const ssize_t n = read(fifoReader, piped.data(), piped.size());
+    ASSERT_GT(n, 0);
+    piped.resize(static_cast<std::size_t>(n));
+    EXPECT_NO_THROW(readExr(piped));
+    close(fifoReader);
+    close(socketFd);
+
+    ProgramRun toStdout = ktexr({"encode", png, "-o", "-"});
+    ASSERT_EQ(toStdout.status, 0) << toStdout.err;
+    EXPECT_NO_THROW(readExr(Bytes(toStdout.out.begin(), toStdout.out.end())));
+    EXPECT_THAT(toStdout.err, HasSubstr("-> -"));  // the report goes to standard error
+}
+
 // --in-place replaces each file keeping its permissions, goes on after a bad one and ends with its status;
 // a file it cannot write whole leaves the original as it was.
 TEST_F(Ktexr, CropInPlaceReplacesEachFileOrNone)
@@ -420,16 +495,39 @@ TEST_F(Ktexr, CropInPlaceReplacesEachFileOrNone)
 
     const std::string text = write("text.exr", Bytes(64, 'x'));
     const std::string a = exr("a.exr", renderWithBorder()), b = exr("b.exr", renderWithBorder());
+    ASSERT_EQ(chown(a.c_str(), 1234, 5678), 0);
     ASSERT_EQ(chmod(a.c_str(), 0640), 0);
+    const bool xattrs = setxattr(a.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
     r = ktexr({"crop", "--in-place", a, text, b});
     EXPECT_EQ(r.status, 4);
     EXPECT_THAT(r.err, HasSubstr(text));
     EXPECT_EQ(readFileBytes(text), Bytes(64, 'x'));
-    for (const std::string& f : {a, b}) EXPECT_EQ(headerOf(f).dataWindow(), box(17, 7, 42, 32)) << f;
+    for (const std::string& f : {a, b}) {
+        EXPECT_EQ(headerOf(f).dataWindow(), box(17, 7, 42, 32)) << f;
+        expectReadableByOpenExr(f);
+    }
     struct stat st;
     ASSERT_EQ(stat(a.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(entries(), (Args{"a.exr", "b.exr", "large.exr", "text.exr"}));
+    EXPECT_EQ(st.st_uid, 1234u);
+    EXPECT_EQ(st.st_gid, 5678u);
+    char note[8] = {};
+    if (xattrs) {
+        EXPECT_EQ(getxattr(a.c_str(), "user.ktexr.note", note, sizeof note), 4);
+        EXPECT_STREQ(note, "keep");
+    }
+
+    // A user who may write another's file but cannot give the new one its owner is refused.
+    const std::string shared = exr("shared.exr", renderWithBorder());
+    const Bytes sharedBytes = readFileBytes(shared);
+    ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
+    r = ktexr({"crop", "--in-place", shared}, -1, "", 4321);
+    EXPECT_EQ(r.status, 8) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("owner"));
+    EXPECT_EQ(readFileBytes(shared), sharedBytes);
+    EXPECT_EQ(entries(), (Args{"a.exr", "b.exr", "large.exr", "shared.exr", "text.exr"}));
 }
 
 // Tiles of any shape in any order make the frame they were cut from, with the first tile's metadata;

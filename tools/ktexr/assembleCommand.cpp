@@ -69,6 +69,13 @@ ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& optio
     if (options.output.empty() && !options.checkOnly)
         return report(Failure(exitUsage, "", "assemble needs -o OUT (or --check)"));
 
+    if (!options.checkOnly) {
+        try {
+            refuseInputAsOutput(options.output, options.tiles);
+        } catch (const Failure& failure) {
+            return report(failure);
+        }
+    }
     StatusKeeper unreadable;
     std::vector<TileWindows> tiles = readTileWindows(plugin, options.tiles, unreadable);
     if (unreadable.result() != exitOk) {
@@ -124,7 +131,7 @@ ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& optio
         EncodedFile encoded = encode(plugin, *frame, job, options.output);
         std::fflush(stdout);
         writeFileAtomically(options.output, encoded.data(), encoded.size());
-        std::printf("%zu tiles -> %s (%lld x %lld, %s)\n", tiles.size(), options.output.c_str(), frameBox.width(),
+        std::fprintf(reportStream(options.output), "%zu tiles -> %s (%lld x %lld, %s)\n", tiles.size(), options.output.c_str(), frameBox.width(),
                     frameBox.height(), humanSize(encoded.size()).c_str());
         return exitOk;
     } catch (const Failure& failure) {

@@ -38,6 +38,7 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
                    const CropOptions& options)
 {
     try {
+        if (output != input) refuseInputAsOutput(output, {input});
         LoadedFile file(input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
@@ -58,10 +59,10 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
         OutputFile out(output);
         out.write(encoded.data(), encoded.size());
         out.finish();
-        verifyOnDisk(plugin, out, encoded);
+        if (!out.direct()) verifyOnDisk(plugin, out, encoded);
         out.commit();
 
-        std::printf("%s: %s -> %s, data window %s -> %s (%.1f %% of the frame)%s\n", input.c_str(),
+        std::fprintf(reportStream(output), "%s: %s -> %s, data window %s -> %s (%.1f %% of the frame)%s\n", input.c_str(),
                     humanSize(file.fileSize()).c_str(), humanSize(encoded.size()).c_str(),
                     before.dataWindow.text().c_str(), after.dataWindow.text().c_str(),
                     share(after.dataWindow, after.displayWindow), output == input ? "" : (" -> " + output).c_str());

@@ -52,6 +52,13 @@ ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
         return report(Failure(exitUsage, "", "--gamma-exponent must be a positive number"));
 
     try {
+        refuseInputAsOutput(options.output, {options.input});
+        if (!options.alphaOutput.empty()) {
+            refuseInputAsOutput(options.alphaOutput, {options.input});
+            if (options.alphaOutput == options.output)
+                throw Failure(exitUsage, options.alphaOutput, "the colour and the alpha map cannot go to the same place");
+            refuseInputAsOutput(options.alphaOutput, {options.output});
+        }
         LoadedFile file(options.input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
@@ -84,7 +91,7 @@ ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
                 writeFileAtomically(options.output, colour.data(), colour.size());
             }
         }
-        std::printf("%s: %d x %d, %s%s -> %s\n", options.input.c_str(), header.width, header.height,
+        std::fprintf(reportStream(options.output), "%s: %d x %d, %s%s -> %s\n", options.input.c_str(), header.width, header.height,
                     floats ? "float" : (options.depth + "-bit").c_str(), gamma ? ", gamma" : "",
                     options.output.c_str());
         return exitOk;

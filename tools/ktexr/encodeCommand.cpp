@@ -57,6 +57,7 @@ ExitStatus runEncode(const PluginLibrary& plugin, const EncodeOptions& options)
             throw Failure(exitUsage, "", "--client: at most 255 characters");
         if (options.client.find('\0') != std::string::npos) throw Failure(exitUsage, "", "--client: no NUL characters");
         auto metadata = metadataOf(options);
+        refuseInputAsOutput(options.output, {options.input});
 
         EncodeJob job;
         job.appName = options.client.empty() ? kAppName : kClientAppName;
@@ -68,7 +69,7 @@ ExitStatus runEncode(const PluginLibrary& plugin, const EncodeOptions& options)
         EncodedFile exr = png.depth() == 16 ? encodePng<ktP::_imgRGBABuffer16>(plugin, png, job, options)
                                             : encodePng<ktP::_imgRGBABuffer8>(plugin, png, job, options);
         writeFileAtomically(options.output, exr.data(), exr.size());
-        std::printf("%s: %u x %u, %d-bit -> %s (%s)\n", options.input.c_str(), png.width(), png.height(), png.depth(),
+        std::fprintf(reportStream(options.output), "%s: %u x %u, %d-bit -> %s (%s)\n", options.input.c_str(), png.width(), png.height(), png.depth(),
                     options.output.c_str(), humanSize(exr.size()).c_str());
         return exitOk;
     } catch (const Failure& failure) {

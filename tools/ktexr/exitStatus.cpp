@@ -28,7 +28,8 @@ const char* exitStatusMeaning(ExitStatus status)
     case exitIncomplete: return "an EXR file is incomplete or damaged";
     case exitPluginFailure: return "the plug-in cannot be loaded, refuses this host, or failed";
     case exitTilesDoNotFit: return "assemble: the tiles do not fit together into one frame";
-    case exitUnwritable: return "an output file cannot be written";
+    case exitUnwritable: return "an output cannot be written (also: a socket, block device or directory as output)";
+    case exitRefused: return "refused, nothing written: the output is an input, or the work would lose data (--lossy)";
     }
     return "unknown";
 }
@@ -37,7 +38,7 @@ std::string exitStatusTable()
 {
     std::string table = "Exit status:\n";
     for (ExitStatus s : {exitOk, exitUsage, exitUnreadable, exitNotExr, exitIncomplete, exitPluginFailure,
-                         exitTilesDoNotFit, exitUnwritable}) {
+                         exitTilesDoNotFit, exitUnwritable, exitRefused}) {
         char line[160];
         std::snprintf(line, sizeof line, "  %d  %s\n", static_cast<int>(s), exitStatusMeaning(s));
         table += line;

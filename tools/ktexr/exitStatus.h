@@ -19,6 +19,7 @@ enum ExitStatus : int {
     exitPluginFailure = 6,   // the plug-in cannot be loaded, refuses the host, or fails
     exitTilesDoNotFit = 7,   // assemble: the tiles do not make one frame
     exitUnwritable = 8,      // an output file cannot be written
+    exitRefused = 9,         // nothing written: it would overwrite an input, or lose data
 };
 
 // The exit status a plug-in status code stands for.
