@@ -207,6 +207,8 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
     const Args overlap = tiles("overlap", {box(0, 0, 33, 47), box(32, 0, 63, 47)});
     const Args gap = tiles("gap", {box(0, 0, 31, 47), box(34, 0, 63, 47)});
     const std::string out = at("out.exr"), missing = at("missing.exr"), pngOut = at("o.png");
+    const std::string video = write("video.mp4", Bytes{'R', 'I', 'F', 'F'});
+    std::filesystem::resize_file(video, 5ull << 30);  // sparse: refused from its first bytes, never loaded
     const Args before = entries();
 
     const struct { Args args; int status; std::string says; } cases[] = {
@@ -230,6 +232,7 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
         {{"--plugin", at("none.so"), "identity"}, 6, at("none.so")},
         {{"info", missing}, 3, missing},
         {{"info", text}, 4, text},
+        {{"info", video}, 4, video + ": not an EXR file"},
         {{"info", incomplete}, 5, incomplete},
         {{"decode", missing, "-o", pngOut}, 3, missing},
         {{"decode", text, "-o", pngOut}, 4, text},
@@ -258,23 +261,34 @@ TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
     ProgramRun text = ktexr({"info", described});
     ASSERT_EQ(text.status, 0) << text.err;
     for (const char* line : {"Exr  Half Zip-1line scanline 'A B G R ' JOB12 client scene", "16 x 12", "alpha +yes",
-                             "32 per channel", "frames +int +42", "exposure +float +1.5", "KT/jobID +string +JOB12",
+                             "32 per channel", "parts +1, the first scanline", "display +\\(0, 0\\)-\\(15, 11\\)",
+                             "compression +zips", "channels +A half, B half, G half, R half", "complete +yes",
+                             "frames +int +42", "exposure +float +1.5", "KT/jobID +string +JOB12",
                              "xform +m44f +\\[0.5 1.5 2.5 3.5\\] \\[4.5"})
         EXPECT_THAT(text.out, testing::ContainsRegex(line));
 
     ExrPart cut;
     cut.writeLimit = 3;
     const std::string incomplete = exr("incomplete.exr", cut);
-    ProgramRun r = ktexr({"info", "--json", described, at("missing.exr"), incomplete, write("t.exr", Bytes(6, 'x'))});
+    ExrPart large = describedPart();
+    large.displayWindow = box(0, 0, 199, 149);
+    large.compression = Imf::NO_COMPRESSION;
+    Bytes truncated = makeExr(large);
+    truncated.resize(truncated.size() * 3 / 100);  // the header and offset table whole, 3 % of the file
+    ProgramRun r = ktexr({"info", "--json", described, at("missing.exr"), incomplete, write("t.exr", Bytes(6, 'x')),
+                          write("truncated.exr", truncated)});
     EXPECT_EQ(r.status, 3);
     Json doc = Json::parse(r.out);
     EXPECT_EQ(doc["schema"], "ktexr-info");
     EXPECT_EQ(doc["version"], 1);
     EXPECT_EQ(doc["plugin"]["name"], "OpenExr");
     Json& files = doc["files"];
-    ASSERT_EQ(files.size(), 4u);
+    ASSERT_EQ(files.size(), 5u);
     const Json expected = {{"file", described}, {"ok", true}, {"status", 1}, {"width", 16}, {"height", 12},
-                           {"hasAlpha", true}, {"bitsPerChannel", 32}, {"uncompressed", false},
+                           {"hasAlpha", true}, {"bitsPerChannel", 32}, {"uncompressed", false}, {"complete", true},
+                           {"parts", 1}, {"displayWindow", {0, 0, 15, 11}}, {"dataWindow", {0, 0, 15, 11}},
+                           {"compression", "zips"}, {"channels", Json::parse(R"([{"name": "A", "type": "half"},
+                               {"name": "B", "type": "half"}, {"name": "G", "type": "half"}, {"name": "R", "type": "half"}])")},
                            {"fileSize", std::filesystem::file_size(described)}};
     for (const auto& [key, value] : expected.items()) EXPECT_EQ(files[0][key], value) << key;
     // In header order, which OpenEXR keeps sorted by name.
@@ -296,6 +310,9 @@ TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
     EXPECT_EQ(files[2]["width"], 16);  // still known
     EXPECT_THAT(files[2]["description"].get<std::string>(), HasSubstr(" ERR: file not completed!"));
     EXPECT_EQ(files[3]["ok"], false);
+    EXPECT_EQ(files[4]["ok"], false);  // the plug-in reads its header, but the pixels are not there
+    EXPECT_EQ(files[4]["complete"], false);
+    EXPECT_THAT(files[4]["error"].get<std::string>(), HasSubstr("incomplete"));
 }
 
 // info loads the head of a file, and four times as much while the plug-in asks for more.

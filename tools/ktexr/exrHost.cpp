@@ -43,6 +43,9 @@ PluginCall encodeCall<ktP::_imgRGBABufferf>() { return PluginCall::encodef; }
 
 LoadedFile::LoadedFile(const std::string& path, unsigned long long bytes) : file_(path)
 {
+    unsigned char magic[sizeof kExrMagic] = {};
+    if (file_.readUpTo(0, magic, sizeof magic) != sizeof magic || std::memcmp(magic, kExrMagic, sizeof magic) != 0)
+        throw Failure(exitNotExr, path, "not an EXR file (it does not begin with the EXR magic number)");
     loadUpTo(std::max(bytes, 1ull));
 }
 
@@ -63,11 +66,6 @@ void LoadedFile::loadUpTo(unsigned long long bytes)
     next->setSizeLoaded(static_cast<long long>(bytes));
     buffer_ = std::move(next);
     loaded_ = bytes;
-}
-
-bool LoadedFile::looksLikeExr() const
-{
-    return loaded_ >= 4 && std::memcmp(buffer_->buffer, kExrMagic, 4) == 0;
 }
 
 HeaderInfo callLoadHeader(const PluginLibrary& plugin, ktP::_imgFileBuffer& buffer)
@@ -109,13 +107,9 @@ HeaderInfo loadHeader(const PluginLibrary& plugin, LoadedFile& file)
 void requireHeader(const HeaderInfo& header, const LoadedFile& file)
 {
     if (header.status == imgStatusOk) return;
-    ExitStatus status = exitStatusOfPlugin(header.status);
+    const ExitStatus status = exitStatusOfPlugin(header.status);
     std::string message = "plug-in status " + std::to_string(header.status) + " (" +
                           pluginStatusMeaning(header.status) + "): " + header.description;
-    if (status == exitIncomplete && file.whole() && !file.looksLikeExr()) {
-        status = exitNotExr;
-        message = "not an EXR file (" + message + ")";
-    }
     throw Failure(status, file.path(), message);
 }
 

@@ -37,6 +37,8 @@ constexpr unsigned long long kLargestImage = 0xFFFFFFFFull;
 class LoadedFile {
 public:
     // Opens the file and loads its first `bytes` (the whole file if shorter).
+    // A file that does not begin as every EXR file does is refused first
+    // (exitNotExr), before anything more of it is loaded.
     LoadedFile(const std::string& path, unsigned long long bytes);
 
     const std::string& path() const { return file_.path(); }
@@ -51,9 +53,7 @@ public:
     void loadWhole() { loadUpTo(file_.size()); }
 
     ktP::_imgFileBuffer& buffer() { return *buffer_; }
-
-    // Whether the loaded bytes begin as every EXR file does.
-    bool looksLikeExr() const;
+    const InputFile& input() const { return file_; }
 
 private:
     InputFile file_;
@@ -82,9 +82,7 @@ HeaderInfo callLoadHeader(const PluginLibrary& plugin, ktP::_imgFileBuffer& buff
 // buffer holds too little, loads four times as much and calls again.
 HeaderInfo loadHeader(const PluginLibrary& plugin, LoadedFile& file);
 
-// Turns a header status other than success into a Failure for the file. A
-// file the plug-in cannot open that does not even begin like an EXR file is
-// reported as not EXR.
+// Turns a header status other than success into a Failure for the file.
 void requireHeader(const HeaderInfo& header, const LoadedFile& file);
 
 // An RGBA buffer of exactly width x height pixels. Failures: exitUnreadable

@@ -57,6 +57,20 @@ void InputFile::readAt(unsigned long long offset, void* destination, std::size_t
     }
 }
 
+long long InputFile::readUpTo(unsigned long long offset, void* destination, std::size_t count) const noexcept
+{
+    auto* out = static_cast<unsigned char*>(destination);
+    std::size_t done = 0;
+    while (done < count) {
+        ssize_t n = pread(fd_, out + done, count - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<long long>(done);
+}
+
 std::vector<unsigned char> readWholeFile(const std::string& path)
 {
     InputFile file(path);

@@ -25,6 +25,9 @@ public:
 
     // Exactly `count` bytes from `offset` on; a file that ends sooner fails.
     void readAt(unsigned long long offset, void* destination, std::size_t count) const;
+    // Up to `count` bytes from `offset` on: the number read (fewer at the
+    // end of the file), or -1 on an error. Never throws.
+    long long readUpTo(unsigned long long offset, void* destination, std::size_t count) const noexcept;
 
 private:
     std::string path_;

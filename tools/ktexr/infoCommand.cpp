@@ -1,10 +1,14 @@
 // ktexr info: what the plug-in reports about each file's header, loading
-// only as much of the file as the header needs.
+// only as much of the file as the header needs, with what OpenEXR's Core
+// library reads of the parts, channels and windows, and whether every chunk
+// of pixels is in the file (from the offset tables and the chunks' own
+// headers; pixels are not decompressed).
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "exrLayout.h"
 #include "headerRecord.h"
 
 namespace ktexr {
@@ -44,7 +48,9 @@ struct FileReport {
     unsigned long long fileSize = 0;
     unsigned long long loaded = 0;
     HeaderInfo header;
-    std::string error;  // empty when the header was read
+    ExrLayout layout;     // read once the plug-in has read the header
+    bool complete = false;
+    std::string error;  // empty when the header was read and the file is complete
 };
 
 FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigned long long headBytes,
@@ -59,6 +65,10 @@ FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigne
         report.header = loadHeader(plugin, file);
         report.loaded = file.loaded();
         requireHeader(report.header, file);
+        report.layout = readLayout(file.input());
+        std::string missing = missingChunks(file.input());
+        if (!missing.empty()) throw Failure(exitIncomplete, path, "incomplete: " + missing);
+        report.complete = true;
     } catch (const Failure& failure) {
         report.error = failure.what();
         status.note(ktexr::report(failure));
@@ -87,6 +97,18 @@ nlohmann::ordered_json asJson(const FileReport& r)
     j["hasAlpha"] = r.header.hasAlpha;
     j["bitsPerChannel"] = r.header.bitsPerChannel;
     j["uncompressed"] = r.header.uncompressed;
+    j["complete"] = r.complete;
+    if (!r.layout.parts.empty()) {
+        const PartLayout& first = r.layout.parts[0];
+        auto box = [](const PixelBox& b) { return nlohmann::ordered_json{b.minX, b.minY, b.maxX, b.maxY}; };
+        j["parts"] = r.layout.parts.size();
+        j["displayWindow"] = box(first.displayWindow);
+        j["dataWindow"] = box(first.dataWindow);
+        j["compression"] = first.compression;
+        nlohmann::ordered_json channels = nlohmann::ordered_json::array();
+        for (const ChannelLayout& c : first.channels) channels.push_back({{"name", c.name}, {"type", c.type}});
+        j["channels"] = channels;
+    }
     nlohmann::ordered_json metadata = nlohmann::ordered_json::array();
     if (r.header.metadata)
         for (unsigned i = 0; i < entryCount(*r.header.metadata); ++i) {
@@ -113,7 +135,19 @@ void printText(const FileReport& r)
     std::printf("  size         %d x %d\n", h.width, h.height);
     std::printf("  alpha        %s\n", h.hasAlpha ? "yes" : "no");
     std::printf("  bits         %d per channel\n", h.bitsPerChannel);
-    std::printf("  compression  %s\n", h.uncompressed ? "none" : "compressed");
+    if (!r.layout.parts.empty()) {
+        const PartLayout& first = r.layout.parts[0];
+        std::printf("  parts        %zu, the first %s\n", r.layout.parts.size(), first.storage.c_str());
+        std::printf("  display      %s\n", first.displayWindow.text().c_str());
+        std::printf("  data         %s\n", first.dataWindow.text().c_str());
+        std::printf("  compression  %s\n", first.compression.c_str());
+        std::string channels;
+        for (const ChannelLayout& c : first.channels) channels += (channels.empty() ? "" : ", ") + c.name + " " + c.type;
+        std::printf("  channels     %s\n", channels.c_str());
+    } else {
+        std::printf("  compression  %s\n", h.uncompressed ? "none" : "compressed");
+    }
+    std::printf("  complete     %s\n", r.complete ? "yes, every chunk is in the file" : "no");
     std::printf("  file         %s, header read from the first %s in %d call%s\n", humanSize(r.fileSize).c_str(),
                 humanSize(r.loaded).c_str(), h.calls, h.calls == 1 ? "" : "s");
     unsigned n = h.metadata ? entryCount(*h.metadata) : 0;
