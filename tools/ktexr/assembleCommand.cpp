@@ -3,13 +3,15 @@
 // checked against each other from their headers alone, then decoded one at
 // a time through the plug-in, placed at their data windows and written as
 // one frame by the float encoder under the assembly job's name, carrying the
-// first tile's metadata.
+// first tile's render metadata. What the encoder cannot write of any tile
+// is named before any pixel is read, and refused unless the user accepts it.
 #include <cstdio>
 #include <cstring>
 
 #include "commands.h"
 #include "exrGeometry.h"
 #include "headerRecord.h"
+#include "lossReport.h"
 #include "tileCheck.h"
 
 namespace ktexr {
@@ -97,6 +99,18 @@ ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& optio
         std::printf("the tiles fit together\n");
         return exitOk;
     }
+    // Every loss of every tile is named before any pixel is read.
+    StatusKeeper refused;
+    std::vector<std::string> losses;
+    for (const TileWindows& t : tiles) {
+        try {
+            for (std::string& loss : refuseLosses(t.file, readLayout(InputFile(t.file)), options.lossy, options.dryRun))
+                losses.push_back(t.file + ": " + loss);
+        } catch (const Failure& failure) {
+            refused.note(report(failure));
+        }
+    }
+    if (refused.result() != exitOk) return refused.result();
 
     try {
         const PixelBox& frameBox = check.frame;
@@ -123,13 +137,21 @@ ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& optio
             if (i == 0) firstMetadata = std::move(header.metadata);
         }
 
+        auto metadata = renderMetadataOf(*firstMetadata);
         EncodeJob job;
         job.appName = kAssembleApp;
         job.verbose = options.verbose;
-        job.metadata = firstMetadata.get();
+        job.metadata = metadata.get();
         std::fflush(stdout);
         EncodedFile encoded = encode(plugin, *frame, job, options.output);
         std::fflush(stdout);
+        if (options.dryRun) {
+            std::printf("%zu tiles would make %s (%lld x %lld, %s), %zu loss%s\n", tiles.size(),
+                        options.output.c_str(), frameBox.width(), frameBox.height(),
+                        humanSize(encoded.size()).c_str(), losses.size(), losses.size() == 1 ? "" : "es");
+            for (const std::string& loss : losses) std::printf("  would lose: %s\n", loss.c_str());
+            return exitOk;
+        }
         writeFileAtomically(options.output, encoded.data(), encoded.size());
         std::fprintf(reportStream(options.output), "%zu tiles -> %s (%lld x %lld, %s)\n", tiles.size(), options.output.c_str(), frameBox.width(),
                     frameBox.height(), humanSize(encoded.size()).c_str());

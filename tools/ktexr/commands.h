@@ -8,6 +8,7 @@
 
 #include "exitStatus.h"
 #include "exrHost.h"
+#include "exrLayout.h"
 #include "pluginLibrary.h"
 
 namespace ktexr {
@@ -48,6 +49,9 @@ struct CropOptions {
     bool inPlace = false;
     bool undo = false;    // write the whole frame again
     bool verbose = false;
+    bool lossy = false;   // write even what loses channels, parts, precision or metadata
+    bool dryRun = false;  // only say what would be written and lost
+    bool force = false;   // --in-place: rewrite a file the crop gains nothing on
 };
 // The crop-region job on each file.
 ExitStatus runCrop(const PluginLibrary& plugin, const CropOptions& options);
@@ -58,6 +62,8 @@ struct AssembleOptions {
     bool checkOnly = false;
     bool allowGaps = false;
     bool verbose = false;
+    bool lossy = false;   // write even what loses channels, parts, precision or metadata
+    bool dryRun = false;  // only say what would be written and lost
 };
 // The tile-assembly job.
 ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& options);
@@ -70,6 +76,11 @@ ExitStatus runDemo(const PluginLibrary& plugin, const DemoOptions& options);
 
 // Who the plug-in says it is.
 ExitStatus runIdentity(const PluginLibrary& plugin);
+
+// Prints each loss of `file` as one line on standard error and, unless the
+// user accepted them (`lossy`) or only asked what would happen, refuses the
+// work with a Failure (exitRefused). Returns the losses.
+std::vector<std::string> refuseLosses(const std::string& file, const ExrLayout& layout, bool lossy, bool dryRun);
 
 // Tiles from this many on get a progress line each on standard error.
 constexpr std::size_t kProgressTiles = 8;

@@ -1,12 +1,16 @@
 // ktexr crop: the crop-region job. Each file is decoded to float and
 // written again by the float encoder under the crop job's name, which cuts
 // the data window down to the occupied region (or, undoing a crop, writes
-// the whole frame), with every custom attribute of the input carried over.
+// the whole frame), with the input's render metadata carried over. What the
+// encoder cannot write (channels beyond RGBA, parts, float precision, pixels
+// outside the display window, attributes of other types) is named first and
+// refused unless the user accepts the loss.
 #include <cstdio>
 #include <cstring>
 
 #include "commands.h"
 #include "exrGeometry.h"
+#include "lossReport.h"
 #include "headerRecord.h"
 
 namespace ktexr {
@@ -42,19 +46,41 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
         LoadedFile file(input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
+        std::vector<std::string> losses =
+            refuseLosses(input, readLayout(file.input()), options.lossy, options.dryRun);
         ExrGeometry before = readGeometry(file.buffer(), input);
         auto pixels = decode<ktP::_imgRGBABufferf>(plugin, file, header, false);
 
+        auto metadata = renderMetadataOf(*header.metadata);
         EncodeJob job;
         job.appName = options.undo ? kUndoApp : kCropApp;
         job.verbose = options.verbose;
-        job.metadata = header.metadata.get();
-        if (options.verbose) std::printf("%s:\n", input.c_str());
+        job.metadata = metadata.get();
+        std::FILE* say = reportStream(output);
+        if (options.verbose) std::fprintf(say, "%s:\n", input.c_str());
         std::fflush(stdout);
         EncodedFile encoded = encode(plugin, *pixels, job, output);
         std::fflush(stdout);
-        if (options.verbose && options.undo) std::printf("\n");
+        if (options.verbose && options.undo) std::fprintf(say, "\n");
         ExrGeometry after = readGeometry(*encoded.buffer, output);
+
+        const std::string windows = before.dataWindow.text() + " -> " + after.dataWindow.text();
+        const std::string sizes = humanSize(file.fileSize()) + " -> " + humanSize(encoded.size());
+        const bool gains = after.dataWindow != before.dataWindow && (options.undo || encoded.size() < file.fileSize());
+        if (options.dryRun) {
+            const long long saved = static_cast<long long>(file.fileSize()) - static_cast<long long>(encoded.size());
+            std::printf("%s: would write %s: data window %s, %s (%s %s), %zu loss%s\n", input.c_str(),
+                        output.c_str(), windows.c_str(), sizes.c_str(), saved >= 0 ? "saves" : "adds",
+                        humanSize(static_cast<unsigned long long>(saved >= 0 ? saved : -saved)).c_str(),
+                        losses.size(), losses.size() == 1 ? "" : "es");
+            for (const std::string& loss : losses) std::printf("  would lose: %s\n", loss.c_str());
+            return exitOk;
+        }
+        if (options.inPlace && !gains && !options.force) {
+            std::printf("%s: unchanged, the crop gains nothing (data window %s, %s); --force rewrites it\n",
+                        input.c_str(), windows.c_str(), sizes.c_str());
+            return exitOk;
+        }
 
         OutputFile out(output);
         out.write(encoded.data(), encoded.size());
@@ -62,12 +88,11 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
         if (!out.direct()) verifyOnDisk(plugin, out, encoded);
         out.commit();
 
-        std::fprintf(reportStream(output), "%s: %s -> %s, data window %s -> %s (%.1f %% of the frame)%s\n", input.c_str(),
-                    humanSize(file.fileSize()).c_str(), humanSize(encoded.size()).c_str(),
-                    before.dataWindow.text().c_str(), after.dataWindow.text().c_str(),
-                    share(after.dataWindow, after.displayWindow), output == input ? "" : (" -> " + output).c_str());
+        std::fprintf(say, "%s: %s, data window %s (%.1f %% of the frame)%s\n", input.c_str(), sizes.c_str(),
+                     windows.c_str(), share(after.dataWindow, after.displayWindow),
+                     output == input ? "" : (" -> " + output).c_str());
         if (options.verbose)
-            std::printf("  %u metadata entries carried over\n", header.metadata ? entryCount(*header.metadata) : 0);
+            std::fprintf(say, "  %u metadata entries carried over\n", entryCount(*metadata));
         return exitOk;
     } catch (const Failure& failure) {
         return report(failure);
@@ -76,15 +101,29 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
 
 }  // namespace
 
+std::vector<std::string> refuseLosses(const std::string& file, const ExrLayout& layout, bool lossy, bool dryRun)
+{
+    std::vector<std::string> losses = encoderLosses(layout);
+    if (dryRun) return losses;
+    for (const std::string& loss : losses)
+        std::fprintf(stderr, "ktexr: %s: %s %s\n", file.c_str(), lossy ? "loses:" : "would lose:", loss.c_str());
+    if (!losses.empty() && !lossy)
+        throw Failure(exitRefused, file,
+                      "nothing written: the plug-in's encoder cannot keep all the file holds (--lossy accepts the " +
+                          std::to_string(losses.size()) + " loss" + (losses.size() == 1 ? "" : "es") +
+                          ", --dry-run shows them)");
+    return losses;
+}
+
 ExitStatus runCrop(const PluginLibrary& plugin, const CropOptions& options)
 {
-    if (options.inPlace == !options.output.empty())
+    if (options.inPlace == !options.output.empty() && !(options.dryRun && !options.inPlace))
         return report(Failure(exitUsage, "", "crop needs exactly one of -o OUT and --in-place"));
     if (!options.output.empty() && options.files.size() != 1)
         return report(Failure(exitUsage, "", "-o OUT takes one input file; use --in-place for several"));
     StatusKeeper status;
     for (const std::string& input : options.files)
-        status.note(cropOne(plugin, input, options.inPlace ? input : options.output, options));
+        status.note(cropOne(plugin, input, options.output.empty() ? input : options.output, options));
     std::fflush(stdout);
     return status.result();
 }

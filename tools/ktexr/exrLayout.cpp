@@ -130,6 +130,11 @@ ExrLayout readLayout(const InputFile& file)
         exr_compression_t compression = EXR_COMPRESSION_NONE;
         exr_get_compression(c, p, &compression);
         part.compression = compressionName(compression);
+        exr_get_pixel_aspect_ratio(c, p, &part.pixelAspectRatio);
+        exr_attr_v2f_t centre{};
+        if (exr_get_screen_window_center(c, p, &centre) == EXR_ERR_SUCCESS)
+            part.screenWindowCenter[0] = centre.x, part.screenWindowCenter[1] = centre.y;
+        exr_get_screen_window_width(c, p, &part.screenWindowWidth);
         const exr_attr_chlist_t* channels = nullptr;
         if (exr_get_channels(c, p, &channels) == EXR_ERR_SUCCESS && channels)
             for (int i = 0; i < channels->num_channels; ++i)

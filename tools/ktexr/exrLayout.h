@@ -32,6 +32,9 @@ struct PartLayout {
     std::string compression;  // as OpenEXR names it: "none", "zip", "piz", ...
     std::vector<ChannelLayout> channels;
     std::vector<AttributeLayout> attributes;  // in file order, the standard ones included
+    float pixelAspectRatio = 1.0f;
+    float screenWindowCenter[2] = {0.0f, 0.0f};
+    float screenWindowWidth = 1.0f;
     int levels = 1;                           // resolution levels of a tiled part
     long long chunks = 0;                     // as the header says
 };

@@ -128,4 +128,20 @@ bool isStandardAttribute(const std::string& name)
     return false;
 }
 
+bool isStructuralAttribute(const std::string& name)
+{
+    if (isStandardAttribute(name)) return true;
+    for (const char* structural : {"chunkCount", "name", "version", "view", "multiView", "maxSamplesPerPixel"})
+        if (name == structural) return true;
+    return false;
+}
+
+std::unique_ptr<ktExrHeaderData> renderMetadataOf(const ktExrHeaderData& record)
+{
+    auto kept = newHeaderRecord();
+    for (unsigned i = 0; i < entryCount(record); ++i)
+        if (!isStructuralAttribute(entryName(record.entries[i]))) kept->entries[kept->count++] = record.entries[i];
+    return kept;
+}
+
 }  // namespace ktexr

@@ -47,4 +47,14 @@ std::string entryValueText(const ktExrHeaderEntry& entry);
 // an entry of one of these names cannot be written.
 bool isStandardAttribute(const std::string& name);
 
+// Attributes that describe how a file is laid out (its parts, their names,
+// chunk counts, views) rather than the render: true for the plug-in's
+// standard names too. Carried into a new single-part file they make it
+// unreadable, so they never travel.
+bool isStructuralAttribute(const std::string& name);
+
+// A copy of the record with the render metadata only: every entry of a
+// structural name left out.
+std::unique_ptr<ktExrHeaderData> renderMetadataOf(const ktExrHeaderData& record);
+
 }  // namespace ktexr

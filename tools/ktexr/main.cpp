@@ -74,6 +74,10 @@ int main(int argc, char** argv)
         ->excludes(cropOut);
     cropCmd->add_flag("--undo", crop.undo, "write the whole frame again (undo a crop)");
     cropCmd->add_flag("--verbose", crop.verbose, "let the plug-in report the region, and more");
+    cropCmd->add_flag("--lossy", crop.lossy,
+                      "write even when channels beyond RGBA, parts, float precision, overscan or metadata are lost");
+    cropCmd->add_flag("--dry-run", crop.dryRun, "only say what would be written, what would be lost and the bytes saved");
+    cropCmd->add_flag("--force", crop.force, "with --in-place: rewrite a file even when the crop gains nothing");
 
     AssembleOptions assemble;
     auto* assembleCmd = app.add_subcommand("assemble", "the tile-assembly job: region tiles into one frame");
@@ -82,6 +86,9 @@ int main(int argc, char** argv)
     assembleCmd->add_flag("--check", assemble.checkOnly, "only check that the tiles fit together");
     assembleCmd->add_flag("--allow-gaps", assemble.allowGaps, "accept pixels of the frame no tile covers");
     assembleCmd->add_flag("--verbose", assemble.verbose, "show every tile's window and the plug-in's region report");
+    assembleCmd->add_flag("--lossy", assemble.lossy,
+                          "write even when channels beyond RGBA, parts, float precision or metadata of a tile are lost");
+    assembleCmd->add_flag("--dry-run", assemble.dryRun, "only say what would be written and what would be lost");
 
     DemoOptions demo;
     auto* demoCmd = app.add_subcommand("demo", "the built-in sample: tiles, assembly, crop, info and a preview");
