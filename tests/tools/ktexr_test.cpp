@@ -379,6 +379,32 @@ TEST_F(Ktexr, DecodeToFloatMapsAndPngs)
     }
 }
 
+// A file without alpha previews opaque at every depth: the alpha the plug-in fills from the first channel is not
+// shown as transparency.
+TEST_F(Ktexr, PreviewsOfImagesWithoutAlphaAreOpaque)
+{
+    REQUIRE_OIIO();
+    for (const auto& channels : {channelList({"B", "G", "R"}), channelList({"Y"})}) {
+        ExrPart part;
+        part.channels = channels;
+        const std::string source = exr("noalpha.exr", part);
+        const std::pair<Args, std::string> previews[] = {
+            {{"-o", at("p.png")}, "p.png"}, {{"-o", at("p.png"), "--depth", "16"}, "p.png"},
+            {{"-o", at("c.pfm"), "--depth", "float", "--alpha", at("a.pfm")}, "a.pfm"}};
+        for (const auto& [options, alphaFile] : previews) {
+            Args args = {"decode", source};
+            args.insert(args.end(), options.begin(), options.end());
+            ProgramRun r = ktexr(args);
+            ASSERT_EQ(r.status, 0) << r.err;
+            oiio({"--iconfig", "oiio:UnassociatedAlpha", "1", at(alphaFile), "-d", "float", "-o", at("alpha.exr")});
+            const DecodedExr decoded = readExr(readFileBytes(at("alpha.exr")));
+            const DecodedChannel& alpha = decoded.channels.size() == 1 ? decoded.channels[0] : decoded.channel("A");
+            EXPECT_EQ(*std::min_element(alpha.values.begin(), alpha.values.end()), 1.0)
+                << channels.size() << " channels, " << alphaFile;
+        }
+    }
+}
+
 // The PNG's pixels as half, cut to the occupied box plus 3 pixels, with the render metadata; the client name
 // only when given.
 TEST_F(Ktexr, EncodeWritesPixelsAndRenderMetadata)

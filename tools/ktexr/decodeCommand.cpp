@@ -37,6 +37,15 @@ private:
     float old_;
 };
 
+// The plug-in fills a missing alpha from the first channel, as the host
+// expects of it; a preview of a file without alpha is opaque instead.
+template <class Value>
+void makeOpaque(void* pixels, std::size_t count, Value opaque)
+{
+    auto* values = static_cast<Value*>(pixels);
+    for (std::size_t i = 0; i < count; ++i) values[i * 4 + 3] = opaque;
+}
+
 }  // namespace
 
 ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
@@ -67,14 +76,17 @@ ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
 
         if (options.depth == "8") {
             auto pixels = decode<ktP::_imgRGBABuffer8>(plugin, file, header, gamma);
+            if (!header.hasAlpha) makeOpaque<unsigned char>(pixels->pixels, pixels->maxPixels, 255);
             auto png = encodePng(pixels->width, pixels->height, 8, pixels->pixels, std::size_t{pixels->width} * 4);
             writeFileAtomically(options.output, png.data(), png.size());
         } else if (options.depth == "16") {
             auto pixels = decode<ktP::_imgRGBABuffer16>(plugin, file, header, gamma);
+            if (!header.hasAlpha) makeOpaque<unsigned short>(pixels->pixels, pixels->maxPixels, 65535);
             auto png = encodePng(pixels->width, pixels->height, 16, pixels->pixels, std::size_t{pixels->width} * 8);
             writeFileAtomically(options.output, png.data(), png.size());
         } else {
             auto pixels = decode<ktP::_imgRGBABufferf>(plugin, file, header, gamma);
+            if (!header.hasAlpha) makeOpaque<float>(pixels->pixels, pixels->maxPixels, 1.0f);
             const auto* values = reinterpret_cast<const float*>(pixels->pixels);
             const std::size_t row = std::size_t{pixels->width} * 4;
             auto colour = encodePfm(pixels->width, pixels->height, 3, values, 4, 0, row);
