@@ -180,21 +180,25 @@ protected:
     std::string dir = (std::filesystem::temp_directory_path() / "ktexr-test-XXXXXX").string();
 };
 
-// The program and each command describe their options; the program also its exit statuses.
+// The program and each command describe their options; the program alone its exit statuses, and its version.
 TEST_F(Ktexr, HelpOfEveryCommand)
 {
     const std::pair<Args, Args> helps[] = {
-        {{}, {"info", "decode", "encode", "crop", "assemble", "demo", "--plugin", "--threads", "  0  ", "  2  ",
-              "  3  ", "  4  ", "  5  ", "  6  ", "  7  ", "  8  "}},
+        {{}, {"info", "decode", "encode", "crop", "assemble", "demo", "--plugin", "--threads", "--version", "  0  ",
+              "  2  ", "  3  ", "  4  ", "  5  ", "  6  ", "  7  ", "  8  ", "  9  "}},
         {{"info"}, {"--json", "--head"}},          {{"decode"}, {"--depth", "--gamma-exponent", "--alpha"}},
-        {{"encode"}, {"--attr", "--client", "--job"}}, {{"crop"}, {"--in-place", "--undo", "--verbose"}},
-        {{"assemble"}, {"--allow-gaps", "--check"}}, {{"demo"}, {"directory"}}};
+        {{"encode"}, {"--attr", "--client", "--job"}},
+        {{"crop"}, {"--in-place", "--undo", "--verbose", "--lossy", "--dry-run", "--force"}},
+        {{"assemble"}, {"--allow-gaps", "--check", "--lossy", "--dry-run"}}, {{"demo"}, {"directory"}}};
     for (auto [args, words] : helps) {
+        const bool program = args.empty();
         args.push_back("--help");
         ProgramRun r = ktexr(args);
         EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
         for (const std::string& word : words) EXPECT_THAT(r.out, HasSubstr(word)) << args[0];
+        EXPECT_EQ(r.out.find("Exit status") != std::string::npos, program) << args[0];
     }
+    EXPECT_THAT(ktexr({"--version"}).out, testing::MatchesRegex("ktexr [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 // Each bad input ends with its status, says what is wrong on standard error and leaves no file behind.
@@ -252,6 +256,8 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
         ProgramRun r = ktexr(c.args);
         EXPECT_EQ(r.status, c.status) << testing::PrintToString(c.args) << "\n" << r.err;
         EXPECT_THAT(r.err, testing::AllOf(HasSubstr(c.says), testing::Not(testing::IsEmpty())));
+        for (std::size_t line = 0; line < r.err.size(); line = r.err.find('\n', line) + 1)
+            EXPECT_EQ(r.err.compare(line, 7, "ktexr: "), 0) << r.err.substr(line);
     }
     EXPECT_EQ(entries(), before);
 }
@@ -518,6 +524,11 @@ TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
     EXPECT_NO_THROW(readExr(piped));
     close(fifoReader);
     close(socketFd);
+
+    ASSERT_EQ(mknod(at("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);  // every write fails: disk full
+    ProgramRun full = ktexr({"info", source}, -1, at("full"));
+    EXPECT_EQ(full.status, 8);
+    EXPECT_THAT(full.err, HasSubstr("ktexr: cannot write to standard output"));
 
     ProgramRun toStdout = ktexr({"encode", png, "-o", "-"});
     ASSERT_EQ(toStdout.status, 0) << toStdout.err;

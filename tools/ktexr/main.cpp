@@ -5,7 +5,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -27,7 +29,11 @@ int main(int argc, char** argv)
     installSignalCleanup();
 
     CLI::App app(kDescription, "ktexr");
-    app.footer(exitStatusTable());
+    app.set_version_flag("--version", std::string("ktexr ") + KTEXR_VERSION);
+    // Every line on standard error begins with the program's name.
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("ktexr: ") + e.what() + " (--help describes the options)\n";
+    });
     app.require_subcommand(1);
     app.fallthrough();
     app.set_help_all_flag("--help-all", "help on every subcommand");
@@ -95,6 +101,8 @@ int main(int argc, char** argv)
     demoCmd->add_option("directory", demo.directory, "where the files go (default ktexr-demo)");
 
     app.add_subcommand("identity", "load the plug-in as the host does and print who it is");
+    // Once, in the program's help: subcommands made after this would repeat it.
+    app.footer(exitStatusTable());
 
     try {
         app.parse(argc, argv);
@@ -112,11 +120,19 @@ int main(int argc, char** argv)
     unsigned cores = std::thread::hardware_concurrency();
     Imf::setGlobalThreadCount(threads >= 0 ? threads : static_cast<int>(cores > 1 ? cores : 0));
 
-    if (*infoCmd) return runInfo(*plugin, info);
-    if (*decodeCmd) return runDecode(*plugin, decodeOpts);
-    if (*encodeCmd) return runEncode(*plugin, encodeOpts);
-    if (*cropCmd) return runCrop(*plugin, crop);
-    if (*assembleCmd) return runAssemble(*plugin, assemble);
-    if (*demoCmd) return runDemo(*plugin, demo);
-    return runIdentity(*plugin);
+    ExitStatus status = *infoCmd       ? runInfo(*plugin, info)
+                        : *decodeCmd     ? runDecode(*plugin, decodeOpts)
+                        : *encodeCmd     ? runEncode(*plugin, encodeOpts)
+                        : *cropCmd       ? runCrop(*plugin, crop)
+                        : *assembleCmd   ? runAssemble(*plugin, assemble)
+                        : *demoCmd       ? runDemo(*plugin, demo)
+                                         : runIdentity(*plugin);
+    // A report that did not reach standard output (a full disk, a closed
+    // pipe) is a failure, not a success.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        ExitStatus failed = report(Failure(exitUnwritable, "", std::string("cannot write to standard output: ") +
+                                                                   std::strerror(errno)));
+        if (status == exitOk) status = failed;
+    }
+    return status;
 }
