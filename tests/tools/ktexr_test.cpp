@@ -706,7 +706,11 @@ TEST_F(Ktexr, DemoWritesTilesThatAssembleToItsFrame)
     EXPECT_TRUE(oiio({at("demo/assembled.exr"), at("demo/frame.exr"), "--diff"}));
     EXPECT_THAT(run({"oiiotool", "--info", at("demo/preview.png")}).out, HasSubstr("320 x  240, 4 channel, uint8 png"));
     const Imf::Header tile = headerOf(at("demo/tile-2.exr"));
-    EXPECT_EQ(tile.dataWindow(), box(160, 0, 319, 119));
+    EXPECT_EQ(tile.dataWindow(), box(160, 13, 306, 119));
+    // The crop step cuts the transparent border from the frame written whole.
+    EXPECT_EQ(headerOf(at("demo/frame.exr")).dataWindow(), box(0, 0, 319, 239));
+    EXPECT_EQ(headerOf(at("demo/cropped.exr")).dataWindow(), box(13, 13, 306, 226));
+    for (const char* f : {"frame.exr", "tile-2.exr", "assembled.exr", "cropped.exr"}) expectReadableByOpenExr(at("demo/") + f);
     EXPECT_EQ(tile.typedAttribute<Imf::StringAttribute>("KT/jobID").value(), "DEMO-0042");
 }
 
