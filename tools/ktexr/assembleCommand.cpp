@@ -71,6 +71,8 @@ ExitStatus runAssemble(const PluginLibrary& plugin, const AssembleOptions& optio
     if (options.output.empty() && !options.checkOnly)
         return report(Failure(exitUsage, "", "assemble needs -o OUT (or --check)"));
 
+    if (options.verbose && !options.checkOnly && isStandardOutput(options.output))
+        return report(Failure(exitUsage, "", "--verbose reports on standard output, where the file goes"));
     if (!options.checkOnly) {
         try {
             refuseInputAsOutput(options.output, options.tiles);

@@ -121,6 +121,8 @@ ExitStatus runCrop(const PluginLibrary& plugin, const CropOptions& options)
         return report(Failure(exitUsage, "", "crop needs exactly one of -o OUT and --in-place"));
     if (!options.output.empty() && options.files.size() != 1)
         return report(Failure(exitUsage, "", "-o OUT takes one input file; use --in-place for several"));
+    if (options.verbose && isStandardOutput(options.output))
+        return report(Failure(exitUsage, "", "--verbose reports on standard output, where the file goes"));
     StatusKeeper status;
     for (const std::string& input : options.files)
         status.note(cropOne(plugin, input, options.output.empty() ? input : options.output, options));
