@@ -210,6 +210,11 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
     ExrPart cut;
     cut.writeLimit = 3;  // header complete, scan lines missing
     const std::string incomplete = exr("incomplete.exr", cut);
+    ExrPart large;
+    large.displayWindow = box(0, 0, 199, 149);
+    Bytes truncated = makeExr(large);
+    truncated.resize(truncated.size() * 3 / 10);  // its header reads, most of its pixels are not there
+    const std::string shortened = write("shortened.exr", truncated);
     const Args overlap = tiles("overlap", {box(0, 0, 33, 47), box(32, 0, 63, 47)});
     const Args gap = tiles("gap", {box(0, 0, 31, 47), box(34, 0, 63, 47)});
     const std::string out = at("out.exr"), missing = at("missing.exr"), pngOut = at("o.png");
@@ -243,6 +248,9 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
         {{"decode", missing, "-o", pngOut}, 3, missing},
         {{"decode", text, "-o", pngOut}, 4, text},
         {{"decode", incomplete, "-o", pngOut}, 5, incomplete},
+        {{"decode", shortened, "-o", pngOut}, 5, shortened + ": incomplete"},
+        {{"crop", shortened, "-o", out}, 5, shortened + ": incomplete"},
+        {{"assemble", "-o", out, shortened}, 5, shortened + ": incomplete"},
         {{"decode", good, "-o", at("no/such/o.png")}, 8, at("no/such/o.png")},
         {{"encode", at("none.png"), "-o", out}, 3, at("none.png")},
         {{"encode", png, "-o", out}, 4, png},

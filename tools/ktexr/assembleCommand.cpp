@@ -31,6 +31,7 @@ std::vector<TileWindows> readTileWindows(const PluginLibrary& plugin, const std:
             LoadedFile file(path, kHeadBytes);
             HeaderInfo header = loadHeader(plugin, file);
             requireHeader(header, file);
+            requireComplete(file.input());
             windows.push_back({path, readGeometry(file.buffer(), path)});
         } catch (const Failure& failure) {
             unreadable.note(report(failure));

@@ -46,6 +46,7 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
         LoadedFile file(input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
+        requireComplete(file.input());
         std::vector<std::string> losses =
             refuseLosses(input, readLayout(file.input()), options.lossy, options.dryRun);
         ExrGeometry before = readGeometry(file.buffer(), input);

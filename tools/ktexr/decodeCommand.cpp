@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "exrLayout.h"
 #include "pfmFile.h"
 #include "pngFile.h"
 
@@ -71,6 +72,7 @@ ExitStatus runDecode(const PluginLibrary& plugin, const DecodeOptions& options)
         LoadedFile file(options.input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
+        requireComplete(file.input());
         const bool gamma = options.gamma || options.gammaExponent > 0.0f;
         GammaExponent exponent(plugin, options.gammaExponent);
 

@@ -209,4 +209,10 @@ std::string missingChunks(const InputFile& file)
     return {};
 }
 
+void requireComplete(const InputFile& file)
+{
+    std::string missing = missingChunks(file);
+    if (!missing.empty()) throw Failure(exitIncomplete, file.path(), "incomplete: " + missing);
+}
+
 }  // namespace ktexr

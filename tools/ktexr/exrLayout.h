@@ -52,4 +52,8 @@ ExrLayout readLayout(const InputFile& file);
 // is missing. Pixels are not decompressed.
 std::string missingChunks(const InputFile& file);
 
+// missingChunks as a Failure (exitIncomplete) naming the file: a frame cut
+// short is never decoded as if it were whole.
+void requireComplete(const InputFile& file);
+
 }  // namespace ktexr

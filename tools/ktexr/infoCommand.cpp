@@ -66,8 +66,7 @@ FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigne
         report.loaded = file.loaded();
         requireHeader(report.header, file);
         report.layout = readLayout(file.input());
-        std::string missing = missingChunks(file.input());
-        if (!missing.empty()) throw Failure(exitIncomplete, path, "incomplete: " + missing);
+        requireComplete(file.input());
         report.complete = true;
     } catch (const Failure& failure) {
         report.error = failure.what();
