@@ -516,6 +516,7 @@ TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
         {{"encode", png, "-o", png}, 9, "source.png", S_IFREG},
         {{"encode", png, "-o", at("png-link.png")}, 9, "png-link.png", S_IFLNK},
         {{"crop", source, "-o", at("exr-link.exr")}, 9, "exr-link.exr", S_IFLNK},
+        {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},  // only --in-place replaces its input
         {{"assemble", "-o", tile[0], tile[0]}, 9, "tile1.exr", S_IFREG},
     };
     for (const auto& c : cases) {

@@ -42,7 +42,7 @@ ExitStatus cropOne(const PluginLibrary& plugin, const std::string& input, const 
                    const CropOptions& options)
 {
     try {
-        if (output != input) refuseInputAsOutput(output, {input});
+        if (!options.inPlace && !options.dryRun) refuseInputAsOutput(output, {input});
         LoadedFile file(input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
