@@ -113,21 +113,15 @@ static_assert(sizeof(_ktString<500>) == 1006);
 static_assert(sizeof(_imgFileBuffer) == 1048);
 
 // A host-side plug-in record that the host keeps raw in a file buffer and
-// takes back byte for byte. Its contents are the host's business; this
-// library lays it out as one opaque block of kSize bytes and only ever
-// copies into it.
+// takes back byte for byte. Its layout and size are the host's own: this
+// library declares no field of it and only ever copies into it, from its
+// first byte, as many bytes as the host asks for.
 class _imgPluginBuffer {
 public:
-    static constexpr int kSize = 2048;
-    unsigned char data[kSize];
-
     // Reads count bytes at source's cursor into the record from its first
-    // byte. Fails, reading nothing, when count < 1, count exceeds the record,
-    // source is null or the data holds fewer than count bytes.
+    // byte; the host's record must hold them. Fails, reading nothing, when
+    // count < 1, source is null or the data holds fewer than count bytes.
     bool readfromFileBuffer(ktP::_imgFileBuffer* source, const short& count);
 };
-
-static_assert(offsetof(_imgPluginBuffer, data) == 0);
-static_assert(sizeof(_imgPluginBuffer) == _imgPluginBuffer::kSize);
 
 }  // namespace ktP
