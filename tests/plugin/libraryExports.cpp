@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 namespace {
 
