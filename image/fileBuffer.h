@@ -15,8 +15,9 @@ namespace ktP {
 // A byte block of fixed capacity, owned by the object, with a cursor.
 //
 // Reads stop at sizeLoaded (what the host put there); writes stop short of the
-// capacity, measured against the written high-water mark fileSize, so the
-// last byte of the capacity never holds data. Every operation reports success
+// capacity, measured against the written high-water mark fileSize wherever
+// the cursor stands, so data written in order never reaches the capacity's
+// last byte. Every operation reports success
 // as a bool and never throws; a failed operation changes nothing, except that
 // readUint16 zeroes its out-value and offsetBufPosition past the end leaves
 // the cursor at the end.
@@ -85,8 +86,10 @@ public:
     bool readBufferP(unsigned char* dst, const int& count, const int& pos);
 
     // Sequential writes at the cursor. A write of n bytes fails, writing
-    // nothing, when fileSize + n would reach the capacity. Writing past the
-    // data raises fileSize and sizeLoaded to the new end.
+    // nothing, when fileSize + n would reach the capacity, or when the bytes
+    // would leave the allocation (a cursor parked at the capacity still has
+    // the four spare bytes). Writing past the data raises fileSize and
+    // sizeLoaded to the new end.
     bool writeUint8(const unsigned char& value);
     bool writeSint8(const signed char& value);
     bool writeUint16(unsigned short value, const bool& bigEndian);
