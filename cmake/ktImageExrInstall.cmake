@@ -12,9 +12,9 @@ install(TARGETS ktImageExr
 
 # The records, buffers, strings, time and colour headers a host compiles
 # against; the strings' algorithm header is internal to the library.
-install(FILES plugin/pluginRecords.h plugin/ktImageExr.h plugin/exrMetadata.h
+install(FILES plugin/ktImageExr.h plugin/exrMetadata.h
   DESTINATION "${KT_INSTALL_INCLUDEDIR}/plugin")
-foreach(dir image strings time style)
+foreach(dir records image strings time style)
   file(GLOB headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.h")
   list(FILTER headers EXCLUDE REGEX "/ktStringAlgorithms\\.h$")
   if(headers)

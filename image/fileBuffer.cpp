@@ -22,15 +22,17 @@ bool inData(const _imgFileBuffer& b, long long at, long long n)
 }
 
 // The bound rule for a write of n bytes: the data as a whole (fileSize) must
-// stay below the capacity. The cursor is held to the same limit, so a cursor
-// parked beyond the data cannot carry the end of the data to the capacity.
+// stay below the capacity, wherever the cursor stands. Together with the
+// clamp of setSizeLoaded this keeps the capacity's last byte free of data.
+// The cursor itself is only kept inside the allocation: a cursor parked at
+// the capacity may still use the spare bytes behind it, never more.
 bool roomFor(const _imgFileBuffer& b, long long n)
 {
     long long highWater = 0;
     long long end = 0;
     if (n < 0 || b.bufPosition < 0 || b.buffer == nullptr) return false;
     if (__builtin_add_overflow(b.fileSize, n, &highWater) || highWater >= b.bufferSize) return false;
-    if (__builtin_add_overflow(b.bufPosition, n, &end) || end >= b.bufferSize) return false;
+    if (__builtin_add_overflow(b.bufPosition, n, &end) || end > b.bufferSize + kSpareBytes) return false;
     return true;
 }
 
@@ -315,8 +317,8 @@ bool _imgFileBuffer::writeString(const char* text)
 
 bool _imgPluginBuffer::readfromFileBuffer(ktP::_imgFileBuffer* source, const short& count)
 {
-    if (count < 1 || count > kSize || source == nullptr) return false;
-    return source->readBuffer(data, count);
+    if (count < 1 || source == nullptr) return false;
+    return source->readBuffer(reinterpret_cast<unsigned char*>(this), count);
 }
 
 }  // namespace ktP

@@ -15,8 +15,9 @@ namespace ktP {
 // A byte block of fixed capacity, owned by the object, with a cursor.
 //
 // Reads stop at sizeLoaded (what the host put there); writes stop short of the
-// capacity, measured against the written high-water mark fileSize, so the
-// last byte of the capacity never holds data. Every operation reports success
+// capacity, measured against the written high-water mark fileSize wherever
+// the cursor stands, so data written in order never reaches the capacity's
+// last byte. Every operation reports success
 // as a bool and never throws; a failed operation changes nothing, except that
 // readUint16 zeroes its out-value and offsetBufPosition past the end leaves
 // the cursor at the end.
@@ -85,8 +86,10 @@ public:
     bool readBufferP(unsigned char* dst, const int& count, const int& pos);
 
     // Sequential writes at the cursor. A write of n bytes fails, writing
-    // nothing, when fileSize + n would reach the capacity. Writing past the
-    // data raises fileSize and sizeLoaded to the new end.
+    // nothing, when fileSize + n would reach the capacity, or when the bytes
+    // would leave the allocation (a cursor parked at the capacity still has
+    // the four spare bytes). Writing past the data raises fileSize and
+    // sizeLoaded to the new end.
     bool writeUint8(const unsigned char& value);
     bool writeSint8(const signed char& value);
     bool writeUint16(unsigned short value, const bool& bigEndian);
@@ -113,21 +116,15 @@ static_assert(sizeof(_ktString<500>) == 1006);
 static_assert(sizeof(_imgFileBuffer) == 1048);
 
 // A host-side plug-in record that the host keeps raw in a file buffer and
-// takes back byte for byte. Its contents are the host's business; this
-// library lays it out as one opaque block of kSize bytes and only ever
-// copies into it.
+// takes back byte for byte. Its layout and size are the host's own: this
+// library declares no field of it and only ever copies into it, from its
+// first byte, as many bytes as the host asks for.
 class _imgPluginBuffer {
 public:
-    static constexpr int kSize = 2048;
-    unsigned char data[kSize];
-
     // Reads count bytes at source's cursor into the record from its first
-    // byte. Fails, reading nothing, when count < 1, count exceeds the record,
-    // source is null or the data holds fewer than count bytes.
+    // byte; the host's record must hold them. Fails, reading nothing, when
+    // count < 1, source is null or the data holds fewer than count bytes.
     bool readfromFileBuffer(ktP::_imgFileBuffer* source, const short& count);
 };
-
-static_assert(offsetof(_imgPluginBuffer, data) == 0);
-static_assert(sizeof(_imgPluginBuffer) == _imgPluginBuffer::kSize);
 
 }  // namespace ktP

@@ -15,7 +15,7 @@
 #include <cstdint>
 
 #include "image/pixelTypes.h"
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 // One channel of a pixel; any other value selects none.
 enum _ktChannel : int {

@@ -5,7 +5,7 @@
 // apart from the host-settable gamma exponent.
 #pragma once
 
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 extern "C" {
 // The decoders' gamma exponent; the host may change it between calls.

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "strings/ktString8.h"
 
@@ -91,6 +92,12 @@ struct _ktString {
     _ktString operator+(_ktString const& other) const;
     _ktString combined(char const* source) const;
     _ktString combined(_ktString const& other) const;
+    // A host compiled against its own headers links these without const;
+    // both forms are exported, the const ones serve const callers.
+    _ktString operator+(unsigned short const& unit) { return std::as_const(*this) + unit; }
+    _ktString operator+(_ktString const& other) { return std::as_const(*this) + other; }
+    _ktString combined(char const* source) { return std::as_const(*this).combined(source); }
+    _ktString combined(_ktString const& other) { return std::as_const(*this).combined(other); }
 
     void addNr(int const& value);
     void addNr(unsigned char const& value);
@@ -205,6 +212,14 @@ struct _ktString {
     _ktString8_allSize<250> to_ktString8_250() const;
     _ktString8_allSize<500> to_ktString8_500() const;
     int toInt(bool* ok = nullptr) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString left(int count) { return std::as_const(*this).left(count); }
+    _ktString left(unsigned short const& delimiter, bool const& includeDelimiter) { return std::as_const(*this).left(delimiter, includeDelimiter); }
+    _ktString mid(int const& start, int const& count) { return std::as_const(*this).mid(start, count); }
+    int toChar(char* destination, unsigned short size) { return std::as_const(*this).toChar(destination, size); }
+    _ktString8_allSize<250> to_ktString8_250() { return std::as_const(*this).to_ktString8_250(); }
+    _ktString8_allSize<500> to_ktString8_500() { return std::as_const(*this).to_ktString8_500(); }
+    int toInt(bool* ok = nullptr) { return std::as_const(*this).toInt(ok); }
 };
 
 #define KT_DECLARE_STRING16(N) extern template struct _ktString<N>;

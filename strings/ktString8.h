@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 
 // The capacities the library instantiates; X(N) is expanded for each. The
 // split only spreads the compile work over several sources.
@@ -81,6 +82,12 @@ struct _ktString8_allSize {
     _ktString8_allSize operator+(_ktString8_allSize const& other) const;
     _ktString8_allSize combined(char const* source) const;
     _ktString8_allSize combined(_ktString8_allSize const& other) const;
+    // A host compiled against its own headers links these without const;
+    // both forms are exported, the const ones serve const callers.
+    _ktString8_allSize operator+(char const& c) { return std::as_const(*this) + c; }
+    _ktString8_allSize operator+(_ktString8_allSize const& other) { return std::as_const(*this) + other; }
+    _ktString8_allSize combined(char const* source) { return std::as_const(*this).combined(source); }
+    _ktString8_allSize combined(_ktString8_allSize const& other) { return std::as_const(*this).combined(other); }
 
     void addNr(int const& value);
     void addNr(long long const& value);
@@ -201,6 +208,10 @@ struct _ktString8_allSize {
     _ktString8_allSize left(char const& delimiter, bool const& includeDelimiter) const;
     // `count` characters from `start`; both are kept within the text.
     _ktString8_allSize mid(int const& start, int const& count) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString8_allSize left(int count) { return std::as_const(*this).left(count); }
+    _ktString8_allSize left(char const& delimiter, bool const& includeDelimiter) { return std::as_const(*this).left(delimiter, includeDelimiter); }
+    _ktString8_allSize mid(int const& start, int const& count) { return std::as_const(*this).mid(start, count); }
     char* asChar() { return text; }
     char const* asChar() const { return text; }
     char* toChar() { return text; }
@@ -213,6 +224,10 @@ struct _ktString8_allSize {
     // flag tells, and a rejected text gives 0. Without `ok`, plain strtol.
     int toInt(bool* ok = nullptr) const;
     long long toInt64(bool* ok = nullptr) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString8_allSize<250> asHexString() { return std::as_const(*this).asHexString(); }
+    int toInt(bool* ok = nullptr) { return std::as_const(*this).toInt(ok); }
+    long long toInt64(bool* ok = nullptr) { return std::as_const(*this).toInt64(ok); }
     // Reads the first bits/4 characters as hexadecimal; with asSigned only
     // 8, 16 and 32 bits are valid and the value is sign-extended.
     // removeParsed cuts those characters from this string.

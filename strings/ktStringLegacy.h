@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 
 #include "strings/ktString16.h"
 #include "strings/ktString8.h"
@@ -48,6 +49,12 @@ struct _ktString8_evenSize_old {
     _ktString8_evenSize_old operator+(_ktString8_evenSize_old const& other) const;
     _ktString8_evenSize_old combined(char const* source) const;
     _ktString8_evenSize_old combined(_ktString8_evenSize_old const& other) const;
+    // A host compiled against its own headers links these without const;
+    // both forms are exported, the const ones serve const callers.
+    _ktString8_evenSize_old operator+(char const& c) { return std::as_const(*this) + c; }
+    _ktString8_evenSize_old operator+(_ktString8_evenSize_old const& other) { return std::as_const(*this) + other; }
+    _ktString8_evenSize_old combined(char const* source) { return std::as_const(*this).combined(source); }
+    _ktString8_evenSize_old combined(_ktString8_evenSize_old const& other) { return std::as_const(*this).combined(other); }
     void addNrSpacing(long long const& value, signed char const& width);
     void addSpacingC(char const* source, int const& width);
     void addSpacing(char const* source, int const& width);
@@ -118,6 +125,10 @@ struct _ktString8_evenSize_old {
     _ktString8_evenSize_old left(int count) const;
     _ktString8_evenSize_old left(char const& delimiter, bool const& includeDelimiter) const;
     _ktString8_evenSize_old mid(int const& start, int const& count) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString8_evenSize_old left(int count) { return std::as_const(*this).left(count); }
+    _ktString8_evenSize_old left(char const& delimiter, bool const& includeDelimiter) { return std::as_const(*this).left(delimiter, includeDelimiter); }
+    _ktString8_evenSize_old mid(int const& start, int const& count) { return std::as_const(*this).mid(start, count); }
 };
 
 // Legacy 8-bit string of odd capacity: the operations of the even form.
@@ -146,6 +157,12 @@ struct _ktString8_UnevenSize_old {
     _ktString8_UnevenSize_old operator+(_ktString8_UnevenSize_old const& other) const;
     _ktString8_UnevenSize_old combined(char const* source) const;
     _ktString8_UnevenSize_old combined(_ktString8_UnevenSize_old const& other) const;
+    // A host compiled against its own headers links these without const;
+    // both forms are exported, the const ones serve const callers.
+    _ktString8_UnevenSize_old operator+(char const& c) { return std::as_const(*this) + c; }
+    _ktString8_UnevenSize_old operator+(_ktString8_UnevenSize_old const& other) { return std::as_const(*this) + other; }
+    _ktString8_UnevenSize_old combined(char const* source) { return std::as_const(*this).combined(source); }
+    _ktString8_UnevenSize_old combined(_ktString8_UnevenSize_old const& other) { return std::as_const(*this).combined(other); }
     void addNrSpacing(long long const& value, signed char const& width);
     void addSpacingC(char const* source, int const& width);
     void addSpacing(char const* source, int const& width);
@@ -216,6 +233,10 @@ struct _ktString8_UnevenSize_old {
     _ktString8_UnevenSize_old left(int count) const;
     _ktString8_UnevenSize_old left(char const& delimiter, bool const& includeDelimiter) const;
     _ktString8_UnevenSize_old mid(int const& start, int const& count) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString8_UnevenSize_old left(int count) { return std::as_const(*this).left(count); }
+    _ktString8_UnevenSize_old left(char const& delimiter, bool const& includeDelimiter) { return std::as_const(*this).left(delimiter, includeDelimiter); }
+    _ktString8_UnevenSize_old mid(int const& start, int const& count) { return std::as_const(*this).mid(start, count); }
 };
 
 // Legacy 16-bit string: the operations of _ktString<N> except the handle
@@ -256,6 +277,12 @@ struct _ktString_old {
     _ktString_old operator+(_ktString_old const& other) const;
     _ktString_old combined(char const* source) const;
     _ktString_old combined(_ktString_old const& other) const;
+    // A host compiled against its own headers links these without const;
+    // both forms are exported, the const ones serve const callers.
+    _ktString_old operator+(unsigned short const& unit) { return std::as_const(*this) + unit; }
+    _ktString_old operator+(_ktString_old const& other) { return std::as_const(*this) + other; }
+    _ktString_old combined(char const* source) { return std::as_const(*this).combined(source); }
+    _ktString_old combined(_ktString_old const& other) { return std::as_const(*this).combined(other); }
     void addNr(long long const& value);
     void addNr(long long const& value, unsigned char const& digits);
     void addNrSpacing(long long const& value, signed char const& width);
@@ -341,6 +368,14 @@ struct _ktString_old {
     _ktString8_allSize<250> to_ktString8_250() const;
     _ktString8_allSize<500> to_ktString8_500() const;
     int toInt(bool* ok = nullptr) const;
+    // Without const, as the host links them (const forms beside).
+    _ktString_old left(int count) { return std::as_const(*this).left(count); }
+    _ktString_old left(unsigned short const& delimiter, bool const& includeDelimiter) { return std::as_const(*this).left(delimiter, includeDelimiter); }
+    _ktString_old mid(int const& start, int const& count) { return std::as_const(*this).mid(start, count); }
+    int toChar(char* destination, unsigned short size) { return std::as_const(*this).toChar(destination, size); }
+    _ktString8_allSize<250> to_ktString8_250() { return std::as_const(*this).to_ktString8_250(); }
+    _ktString8_allSize<500> to_ktString8_500() { return std::as_const(*this).to_ktString8_500(); }
+    int toInt(bool* ok = nullptr) { return std::as_const(*this).toInt(ok); }
 };
 
 #define KT_DECLARE_LEGACY(N) extern template struct _ktString8_evenSize_old<N>;

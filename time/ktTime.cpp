@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 const char* const month_names[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -28,6 +29,15 @@ long long wrapMul(long long a, long long b)
 {
     return static_cast<long long>(static_cast<unsigned long long>(a) * static_cast<unsigned long long>(b));
 }
+
+long long wrapSub(long long a, long long b)
+{
+    return static_cast<long long>(static_cast<unsigned long long>(a) - static_cast<unsigned long long>(b));
+}
+
+// A 32-bit distance is the low half of the 64-bit one: narrowed, the way a
+// host storing it in 32 bits gets it, never saturated.
+int low32(long long v) { return static_cast<int>(static_cast<unsigned int>(static_cast<unsigned long long>(v))); }
 
 int clampToInt(__int128 v)
 {
@@ -204,6 +214,8 @@ void _ktTime::to_tm(tm& out) const { out = localFields(value); }
 
 _ktTime::operator tm() const { return localFields(value); }
 
+_ktTime::operator tm() { return localFields(value); }
+
 void _ktTime::to_tm_Offset(tm& out, const long long& addSeconds) const { out = localFields(wrapAdd(value, addSeconds)); }
 
 int _ktTime::d2sec(const int& days) { return static_cast<int>(days * kSecondsPerDay); }
@@ -214,7 +226,7 @@ int _ktTime::secsTo(const _ktTime& other) const
 {
     if (value < 1) return 0;
     if (other.value < 1) return kNoTimeDistance;
-    return clampToInt(static_cast<__int128>(other.value) - value);
+    return low32(wrapSub(other.value, value));
 }
 
 int _ktTime::minTo(const _ktTime& other) const { return secsTo(other) / 60; }
@@ -229,6 +241,14 @@ int _ktTime::daysTo(const _ktTime& other) const
 int _ktTime::secsDifference(const _ktTime& other) const { return clampToInt(std::llabs(secsTo(other))); }
 
 int _ktTime::daysDifference(const _ktTime& other) const { return clampToInt(std::llabs(daysTo(other))); }
+
+int _ktTime::minTo(const _ktTime& other) { return std::as_const(*this).minTo(other); }
+
+int _ktTime::hoursTo(const _ktTime& other) { return std::as_const(*this).hoursTo(other); }
+
+int _ktTime::secsDifference(const _ktTime& other) { return std::as_const(*this).secsDifference(other); }
+
+int _ktTime::daysDifference(const _ktTime& other) { return std::as_const(*this).daysDifference(other); }
 
 bool _ktTime::waitTimeIsOver(const long long& waitSeconds, const _ktTime* now) const
 {
@@ -245,7 +265,7 @@ bool _ktTime::waitTimeIsOver(const long long& waitSeconds, const bool& restart, 
 
 int _ktTime::waitTimeDifference(const long long& waitSeconds, const _ktTime* now) const
 {
-    return clampToInt(static_cast<__int128>(value) + waitSeconds - nowOr(now));
+    return low32(wrapSub(wrapAdd(value, waitSeconds), nowOr(now)));
 }
 
 // --- setting from a date -------------------------------------------------------
@@ -404,6 +424,8 @@ void _ktTime32::to_tm(tm& out) const { out = localFields(value); }
 void _ktTime32::to_tm_Offset(tm& out, const long long& addSeconds) const { out = localFields(wrapAdd(value, addSeconds)); }
 
 _ktTime32::operator tm() const { return localFields(value); }
+
+_ktTime32::operator tm() { return localFields(value); }
 
 _ktString8_allSize<250> _ktTime32::asKT8String() const
 {

@@ -66,11 +66,15 @@ public:
     int weekDay() const;  // Monday 0 .. Sunday 6
     // A time the calendar cannot represent gives an all-zero tm.
     void to_tm(tm& out) const;
+    // The host links the conversion without const; the const one serves
+    // const callers. Both are exported.
+    operator tm();
     operator tm() const;
     void to_tm_Offset(tm& out, const long long& addSeconds) const;
     static int d2sec(const int& days);
 
-    // Distances in seconds, clamped to 32 bits. From no time: 0; to no time:
+    // Distances in seconds: the low 32 bits of the 64-bit difference (so a
+    // distance beyond 68 years wraps). From no time: 0; to no time:
     // 2000000000.
     int secsTo(const _ktTime& other) const;
     int minTo(const _ktTime& other) const;
@@ -78,12 +82,18 @@ public:
     int daysTo(const _ktTime& other) const;
     int secsDifference(const _ktTime& other) const;
     int daysDifference(const _ktTime& other) const;
+    // Hosts may link these four without const; both forms are exported.
+    int minTo(const _ktTime& other);
+    int hoursTo(const _ktTime& other);
+    int secsDifference(const _ktTime& other);
+    int daysDifference(const _ktTime& other);
 
     // Whether value + waitSeconds lies before now (the current time when now
     // is null). The second form restarts the wait from now once it is over.
     bool waitTimeIsOver(const long long& waitSeconds, const _ktTime* now = nullptr) const;
     bool waitTimeIsOver(const long long& waitSeconds, const bool& restart, const _ktTime* now);
-    // Seconds still to wait (negative once over), clamped to 32 bits.
+    // Seconds still to wait (negative once over): the low 32 bits of the
+    // 64-bit difference.
     int waitTimeDifference(const long long& waitSeconds, const _ktTime* now = nullptr) const;
 
     // Local date and time. Out-of-range fields are clamped (month 1..12,
@@ -124,6 +134,7 @@ public:
     void setCurrentTime(long long addSeconds);
     void to_tm(tm& out) const;
     void to_tm_Offset(tm& out, const long long& addSeconds) const;
+    operator tm();  // the form hosts link; the const one beside it
     operator tm() const;
     _ktString8_allSize<250> asKT8String() const;
     void fromDateTime(int second, int minute, int hour, int day, int month, int year);

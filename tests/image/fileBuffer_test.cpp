@@ -223,20 +223,40 @@ TEST(FileBuffer, WriteBoundForEveryWidth)
     }
 }
 
-// The bound is the data as a whole, not the cursor; a cursor parked beyond
-// the data cannot carry a write to the last byte either.
+// The bound is the data as a whole (fileSize), wherever the cursor stands: a
+// write into the middle fails once the data is within n bytes of the
+// capacity, and a cursor parked beyond the data may write up to the spare
+// bytes behind the capacity, but never outside the allocation.
 TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
 {
-    _imgFileBuffer b(10), parked(10);
-    unsigned char eight[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ASSERT_TRUE(b.writeBuffer(eight, 8) && b.setBufPositionWrite(0, false));
-    EXPECT_FALSE(b.writeUint16(0x9999, false));  // 8 + 2 reaches the capacity, though at 0
-    EXPECT_TRUE(b.writeUint8(0x99));
-    EXPECT_TRUE(fields(b) == (Fields{10, 8, 8, 1}) && b.buffer[1] == 2);
-
-    EXPECT_TRUE(parked.setBufPositionWrite(9, false) && !parked.writeUint8(1));
-    EXPECT_TRUE(parked.setBufPositionWrite(8, false) && parked.writeUint8(1));
-    EXPECT_EQ(fields(parked), (Fields{10, 9, 9, 9}));
+    struct Row {
+        int data, cursor, width;
+        bool ok;
+        Fields after;
+    };
+    const Row rows[] = {
+        {8, 0, 2, false, {10, 8, 8, 0}},    // 8 + 2 reaches the capacity, though written at 0
+        {8, 0, 1, true, {10, 8, 8, 1}},     // inside the data: nothing grows
+        {0, 9, 1, true, {10, 10, 10, 10}},  // parked at the last byte
+        {5, 9, 4, true, {10, 13, 13, 13}},  // 5 + 4 stays below the capacity
+        {0, 10, 4, true, {10, 14, 14, 14}}, // at the capacity, into the spare bytes
+        {0, 10, 8, false, {10, 0, 0, 10}},  // would leave the allocation
+    };
+    for (const Row& r : rows) {
+        _imgFileBuffer b(10);
+        const Bytes ones(static_cast<size_t>(r.data), 1);
+        ASSERT_TRUE(b.writeBuffer(const_cast<unsigned char*>(ones.data()), r.data));
+        ASSERT_TRUE(b.setBufPositionWrite(r.cursor, false));
+        const bool ok = r.width == 1 ? b.writeUint8(0x99)
+                      : r.width == 2 ? b.writeUint16(0x9999, false)
+                      : r.width == 4 ? b.writeUint32(0x99999999u, false)
+                                     : b.writedouble(1.0);
+        EXPECT_EQ(ok, r.ok) << r.data << " bytes, cursor " << r.cursor << ", width " << r.width;
+        EXPECT_EQ(fields(b), r.after) << r.data << " bytes, cursor " << r.cursor << ", width " << r.width;
+        if (ok) {
+            EXPECT_EQ(b.buffer[r.cursor], 0x99);
+        }
+    }
 }
 
 // Strings go without their terminating zero; null and negative counts are refused.
@@ -263,20 +283,23 @@ TEST(FileBuffer, StringAndBlockTransfers)
     EXPECT_TRUE(b.writeString("abcde") && fields(b) == (Fields{10, 9, 9, 9}));  // up to the last byte but one
 }
 
+// The record is the host's: as many bytes as asked for land in it from its
+// first byte, whatever its size (3000 here, beyond any size of our own).
 TEST(PluginBuffer, ReadsTheRecordRawFromTheCursor)
 {
-    constexpr int kSize = ktP::_imgPluginBuffer::kSize;
-    Bytes data(kSize + 8);
+    constexpr short kRecord = 3000;
+    Bytes data(kRecord + 8);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + 1);
     auto b = holding(data);
-    auto record = std::make_unique<ktP::_imgPluginBuffer>();
-    std::memset(record->data, 0xEE, kSize);
+    Bytes host(kRecord + 1, 0xEE);
+    auto* record = reinterpret_cast<ktP::_imgPluginBuffer*>(host.data());
 
-    for (short bad : {short{0}, short{-1}, short{kSize + 1}}) EXPECT_FALSE(record->readfromFileBuffer(b.get(), bad));
-    EXPECT_TRUE(!record->readfromFileBuffer(nullptr, 4) && b->bufPosition == 0 && record->data[0] == 0xEE);
+    for (short bad : {short{0}, short{-1}}) EXPECT_FALSE(record->readfromFileBuffer(b.get(), bad));
+    EXPECT_TRUE(!record->readfromFileBuffer(nullptr, 4) && b->bufPosition == 0 && host[0] == 0xEE);
 
     EXPECT_TRUE(b->setBufPosition(3) && record->readfromFileBuffer(b.get(), 5));
-    EXPECT_EQ((Bytes{record->data, record->data + 6}), (Bytes{22, 29, 36, 43, 50, 0xEE}));
-    EXPECT_TRUE(record->readfromFileBuffer(b.get(), kSize) && std::memcmp(record->data, data.data() + 8, kSize) == 0);
+    EXPECT_EQ((Bytes{host.begin(), host.begin() + 6}), (Bytes{22, 29, 36, 43, 50, 0xEE}));
+    EXPECT_TRUE(record->readfromFileBuffer(b.get(), kRecord));
+    EXPECT_TRUE(std::memcmp(host.data(), data.data() + 8, kRecord) == 0 && host[kRecord] == 0xEE);
     EXPECT_FALSE(record->readfromFileBuffer(b.get(), 1));  // nothing left
 }

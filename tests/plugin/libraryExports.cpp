@@ -1,17 +1,19 @@
 // The built liblx_ktImageExr64.so.1 as a separately built host meets it:
 // the names in its dynamic symbol table, and the exports reached through
 // dlopen/dlsym.
+#include <cxxabi.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 namespace {
 
@@ -31,6 +33,16 @@ std::set<std::string> dynamicSymbols(bool demangled)
             names.insert(entry.substr(0, static_cast<std::size_t>(m.position(0))));
     pclose(pipe);
     return names;
+}
+
+// A symbol as a reader of the failure wants to see it.
+std::string demangled(const char* mangled)
+{
+    int status = 0;
+    char* plain = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+    std::string result = status == 0 && plain ? plain : mangled;
+    std::free(plain);
+    return result;
 }
 
 template <class Text>
@@ -68,6 +80,98 @@ TEST(LibraryExports, EveryStringCapacityInstantiated)
             const auto it = names.lower_bound(prefix);
             EXPECT_TRUE(it != names.end() && it->compare(0, prefix.size(), prefix) == 0) << prefix << " not exported";
         }
+}
+
+// The names a host compiled against its own headers links, mangled by hand
+// from the members' declared signatures: one capacity of each template, every
+// support class, and at least every member whose constness or argument
+// passing is out of the ordinary (by-value string arguments, const
+// references to scalars, non-const extracting members beside const ones).
+TEST(LibraryExports, MembersAsAHostLinksThem)
+{
+    const char* const linked[] = {
+        // _ktString8_allSize<100>: extracting and combining without const
+        "_ZN18_ktString8_allSizeILi100EE4leftEi", "_ZN18_ktString8_allSizeILi100EE4leftERKcRKb",
+        "_ZN18_ktString8_allSizeILi100EE3midERKiS2_", "_ZN18_ktString8_allSizeILi100EE8combinedEPKc",
+        "_ZN18_ktString8_allSizeILi100EE8combinedERKS0_", "_ZN18_ktString8_allSizeILi100EEplERKc",
+        "_ZN18_ktString8_allSizeILi100EEplERKS0_", "_ZN18_ktString8_allSizeILi100EE5toIntEPb",
+        "_ZN18_ktString8_allSizeILi100EE7toInt64EPb", "_ZN18_ktString8_allSizeILi100EE11asHexStringEv",
+        "_ZN18_ktString8_allSizeILi100EE12toIntFromHexERKiRKbS4_Pb", "_ZN18_ktString8_allSizeILi100EE6asCharEv",
+        "_ZN18_ktString8_allSizeILi100EE6toCharEv", "_ZN18_ktString8_allSizeILi100EE5asUniEv",
+        "_ZN18_ktString8_allSizeILi100EE6removeERKc", "_ZN18_ktString8_allSizeILi100EE9setLengthERKs",
+        "_ZN18_ktString8_allSizeILi100EE16createCharStringERcRKi", "_ZN18_ktString8_allSizeILi100EE3addEPKcj",
+        "_ZN18_ktString8_allSizeILi100EE8fromCharEPKcRKi", "_ZN18_ktString8_allSizeILi100EE12addNrSpacingERKxRKa",
+        "_ZN18_ktString8_allSizeILi100EEaSEP22_ktString8_Uni_pointer",
+        "_ZN18_ktString8_allSizeILi100EEC1EPKt", "_ZN18_ktString8_allSizeILi100EEC1ERK23_ktString8_evenSize_oldILi100EE",
+        // ... and its searching and comparing, all const
+        "_ZNK18_ktString8_allSizeILi100EE7indexOfERKci", "_ZNK18_ktString8_allSizeILi100EE10startsWithES0_",
+        "_ZNK18_ktString8_allSizeILi100EE7compareERKS0_", "_ZNK18_ktString8_allSizeILi100EEeqEPKc",
+        "_ZNK18_ktString8_allSizeILi100EE8endsWithEPKci", "_ZNK18_ktString8_allSizeILi100EE5countEc",
+        "_ZNK18_ktString8_allSizeILi100EE7isEmptyEv",
+        // _ktString<100>
+        "_ZN9_ktStringILi100EE4leftEi", "_ZN9_ktStringILi100EE4leftERKtRKb", "_ZN9_ktStringILi100EE3midERKiS2_",
+        "_ZN9_ktStringILi100EE8combinedEPKc", "_ZN9_ktStringILi100EE8combinedERKS0_", "_ZN9_ktStringILi100EEplERKt",
+        "_ZN9_ktStringILi100EEplERKS0_", "_ZN9_ktStringILi100EE5toIntEPb", "_ZN9_ktStringILi100EE6toCharEPct",
+        "_ZN9_ktStringILi100EE16to_ktString8_250Ev", "_ZN9_ktStringILi100EE16to_ktString8_500Ev",
+        "_ZNK9_ktStringILi100EEcv18_ktString8_allSizeILi100EEEv", "_ZNK9_ktStringILi100EEcv18_ktString8_allSizeILi250EEEv",
+        "_ZNK9_ktStringILi100EE7indexOfERKti", "_ZNK9_ktStringILi100EEeqEPKt", "_ZN9_ktStringILi100EEC1ERKc",
+        "_ZN9_ktStringILi100EEC1EPK22_ktString8_Uni_pointer", "_ZN9_ktStringILi100EE16createCharStringERtRKi",
+        "_ZN9_ktStringILi100EE5addNrERKh", "_ZN9_ktStringILi100EE10addSpacingEPKtRKi", "_Z9ktCharLenPKt",
+        "_Z9ktIsDigitRKt",
+        // the legacy layouts
+        "_ZN23_ktString8_evenSize_oldILi100EE4leftEi", "_ZN23_ktString8_evenSize_oldILi100EE4leftERKcRKb",
+        "_ZN23_ktString8_evenSize_oldILi100EE3midERKiS2_", "_ZN23_ktString8_evenSize_oldILi100EE8combinedEPKc",
+        "_ZN23_ktString8_evenSize_oldILi100EE8combinedERKS0_", "_ZN23_ktString8_evenSize_oldILi100EEplERKc",
+        "_ZN23_ktString8_evenSize_oldILi100EEplERKS0_", "_ZN25_ktString8_UnevenSize_oldILi125EE4leftEi",
+        "_ZN25_ktString8_UnevenSize_oldILi125EE3midERKiS2_", "_ZN25_ktString8_UnevenSize_oldILi125EE8combinedERKS0_",
+        "_ZN25_ktString8_UnevenSize_oldILi125EEplERKc", "_ZN13_ktString_oldILi100EE4leftERKtRKb",
+        "_ZN13_ktString_oldILi100EE3midERKiS2_", "_ZN13_ktString_oldILi100EE8combinedEPKc",
+        "_ZN13_ktString_oldILi100EEplERKt", "_ZN13_ktString_oldILi100EE5toIntEPb",
+        "_ZN13_ktString_oldILi100EE6toCharEPct", "_ZN13_ktString_oldILi100EE16to_ktString8_250Ev",
+        "_ZN13_ktString_oldILi100EE16to_ktString8_500Ev", "_ZNK13_ktString_oldILi100EEcv18_ktString8_allSizeILi500EEEv",
+        // the string list and the number texts
+        "_ZNK13_ktStringList2atERKi", "_ZNK13_ktStringList8atAsCharERKi",
+        "_ZN13_ktStringList4findERK9_ktStringILi500EERKb", "_ZN13_ktStringList12findContainsERK9_ktStringILi500EERKb",
+        "_ZN13_ktStringList6appendERK9_ktStringILi500EERKbS5_", "_ZN13_ktStringList9asString8Ev",
+        "_Z8bool2strRKbS0_", "_Z7int2StrRKi", "_Z9float2StrfRKiRKt", "_Z12ID2str_localy",
+        // calendar time and the stopwatch
+        "_ZN7_ktTimecv2tmEv", "_ZNK7_ktTimecv2tmEv", "_ZNK7_ktTime5to_tmER2tm", "_ZNK7_ktTime12to_tm_OffsetER2tmRKx",
+        "_ZNK7_ktTime6secsToERKS_", "_ZN7_ktTime5minToERKS_", "_ZN7_ktTime19convertStatFileTimeERKl",
+        "_ZN7_ktTimeC1Exb", "_ZN7_ktTimeC1Ejb", "_ZN7_ktTime14waitTimeIsOverERKxRKbPKS_",
+        "_ZNK7_ktTime14waitTimeIsOverERKxPKS_", "_ZNK7_ktTime18waitTimeDifferenceERKxPKS_",
+        "_ZN7_ktTime8fromDateEiiiRKb", "_ZN7_ktTime18testIfOfsetIsRightEb", "_ZN7_ktTime19ktTime_Start_OffSetE",
+        "_ZNK7_ktTime13asStringYear3Ev", "_ZN7_ktTime22fromStringCompileDate2EPKcS1_", "_ZN9_ktTime32cv2tmEv",
+        "_ZNK9_ktTime32cv2tmEv", "_ZN9_ktTime3214setCurrentTimeEx", "_ZNK9_ktTime3211asKT8StringEv", "month_names",
+        "_ZN7ktTimerC1Ev", "_ZN7ktTimer18currentMillSecondsEv", "_ZN7ktTimer7elapsedEv", "_ZN7ktTimer14elapsedString8Ev",
+        "_ZN7ktTimer17restartAndString8Ev",
+        // the file buffer and the host's plug-in record
+        "_ZN3ktP14_imgFileBufferC1Ej", "_ZN3ktP14_imgFileBuffer11setFileSizeERKx",
+        "_ZN3ktP14_imgFileBuffer13setSizeLoadedEx", "_ZN3ktP14_imgFileBuffer19setBufPositionWriteERKxb",
+        "_ZN3ktP14_imgFileBuffer10readUint8PERhRKi", "_ZN3ktP14_imgFileBuffer10readUint16ERtRKb",
+        "_ZN3ktP14_imgFileBuffer10readBufferEPhRKi", "_ZN3ktP14_imgFileBuffer11readBufferPEPhRKiS3_",
+        "_ZN3ktP14_imgFileBuffer11writeUint16EtRKb", "_ZN3ktP14_imgFileBuffer10writeUint8ERKh",
+        "_ZN3ktP14_imgFileBuffer11writeBufferEPhRKi", "_ZN3ktP14_imgFileBuffer11writedoubleERKd",
+        "_ZN3ktP14_imgFileBuffer11writeStringEPKc",
+        "_ZN3ktP16_imgPluginBuffer18readfromFileBufferEPNS_14_imgFileBufferERKs",
+        // the RGBA buffers and the pixel types
+        "_ZNK3ktP18_imgRGBABuffer_all16doesImageSizeFitEjj", "_ZN3ktP18_imgRGBABuffer_all8setWidthERKi",
+        "_ZN3ktP15_imgRGBABuffer8C1ERKj", "_ZN3ktP15_imgRGBABuffer8C1ERKjS2_",
+        "_ZN3ktP15_imgRGBABuffer88writeMixERKiS2_RK6_Rgba8RKf", "_ZNK3ktP15_imgRGBABuffer84readERKiS2_",
+        "_ZNK3ktP15_imgRGBABuffer84readER6_Rgba8j", "_ZN3ktP15_imgRGBABuffer86copyToERS0_b",
+        "_ZN3ktP15_imgRGBABuffer815createLetterBoxEPS0_RKii", "_ZN3ktP15_imgRGBABuffer810writeMultiEiPKci",
+        "_ZN3ktP16_imgRGBABuffer16C1Ej", "_ZNK3ktP16_imgRGBABuffer164readERP7_Rgba16RKiS5_",
+        "_ZN3ktP16_imgRGBABuffer1610writeShortEjt", "_ZNK3ktP15_imgRGBABufferf4readERKiS2_",
+        "_ZN3ktP15_imgRGBABufferf10writeFloatEjf", "_ZN6_Rgba810fromFloatRERKf", "_ZN6_Rgba810fromFloatAEfRKb",
+        "_ZN6_Rgba816fromFloatRGBA_swERKfS1_S1_S1_RKb", "_ZN6_Rgba88makeDarkEf", "_ZN6_Rgba88makeGreyERKhRKf",
+        "_ZN7_Rgba1610fromFloatBERKf", "_ZN6_Rgbaf9swapBytesEv",
+        // the table colours
+        "_ZNK15_intList_ColorsixEi", "_ZNK18_intList_jobColorsixEi", "_Z27ktStyle_setTableColorsLightv",
+        "_Z26ktStyle_setTableColorsDarkv", "lib_colors", "lib_jobColors",
+    };
+    const auto names = dynamicSymbols(false);
+    ASSERT_FALSE(names.empty()) << "nm printed nothing for " << KT_PLUGIN_PATH;
+    for (const char* symbol : linked)
+        EXPECT_TRUE(names.count(symbol)) << "not exported: " << demangled(symbol) << "  [" << symbol << "]";
 }
 
 TEST(LibraryExports, NothingOfOpenExrOrTheStandardLibrary)

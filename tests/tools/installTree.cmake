@@ -14,7 +14,7 @@ file(REMOVE_RECURSE "${WORK_DIR}")
 set(prefix "${WORK_DIR}/prefix")
 run("install" "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}")
 
-foreach(f bin/ktexr include/ktImageExr/plugin/pluginRecords.h include/ktImageExr/strings/ktString16.h
+foreach(f bin/ktexr include/ktImageExr/records/pluginRecords.h include/ktImageExr/strings/ktString16.h
           include/ktImageExr/image/rgbaBuffer.h include/ktImageExr/time/ktTime.h include/ktImageExr/style/tableColors.h)
   if(NOT EXISTS "${prefix}/${f}")
     message(FATAL_ERROR "not installed: ${f}")

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 namespace ktexr {
 

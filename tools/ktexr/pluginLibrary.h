@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 namespace ktexr {
 

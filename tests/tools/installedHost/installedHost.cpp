@@ -11,7 +11,7 @@
 #include "image/fileBuffer.h"
 #include "image/rgbaBuffer.h"
 #include "plugin/exrMetadata.h"
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 int main(int argc, char** argv)
 {
