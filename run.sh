@@ -43,7 +43,8 @@ case "${1:-}" in
     # Every target against OpenEXR built from Debian's source with the same
     # sanitizers (scripts/build-instrumented-openexr.sh, cached in
     # build/openexr-fuzz). Seeds: the checked-in corpus fuzz/corpus/<target>,
-    # the sample files and the shared real-world corpus; inputs that found new
+    # the findings' reproducers, the sample files and the shared real-world
+    # corpus; inputs that found new
     # code stay in build/clang/fuzz/corpus-<target> for the next run, and
     # FUZZ_MERGE=1 adds them, minimized, to fuzz/corpus. A crash stops with
     # the input saved as build/clang/fuzz/crash-<target>-*.
@@ -59,7 +60,7 @@ case "${1:-}" in
     for target in "${targets[@]}"; do
       mkdir -p "$dir/corpus-$target" "fuzz/corpus/$target"
       seeds=("fuzz/corpus/$target")
-      [[ $target == loadHeader || $target == decode ]] && seeds+=("$dir/seeds" "${shared[@]}")
+      [[ $target == loadHeader || $target == decode ]] && seeds+=(tests/robustness/reproducers "$dir/seeds" "${shared[@]}")
       if ! "$dir/fuzz_$target" -max_total_time="${FUZZ_SECONDS:-150}" -timeout=10 -max_len=131072 \
           -close_fd_mask=1 -print_final_stats=1 -dict=fuzz/exr.dict -artifact_prefix="$dir/crash-$target-" \
           "$dir/corpus-$target" "${seeds[@]}" >"$dir/$target.log" 2>&1; then
