@@ -43,11 +43,16 @@ case "${1:-}" in
     # Every target against OpenEXR built from Debian's source with the same
     # sanitizers (scripts/build-instrumented-openexr.sh, cached in
     # build/openexr-fuzz). Seeds: the checked-in corpus fuzz/corpus/<target>,
-    # the findings' reproducers, the sample files and the shared real-world
-    # corpus; inputs that found new
-    # code stay in build/clang/fuzz/corpus-<target> for the next run, and
-    # FUZZ_MERGE=1 adds them, minimized, to fuzz/corpus. A crash stops with
-    # the input saved as build/clang/fuzz/crash-<target>-*.
+    # the sample files, the files of OpenEXR's known defect classes, the
+    # findings' reproducers and the shared real-world corpus. The decoder
+    # target does not start from the DWA files among the known-defect files:
+    # OpenEXR 3.1.5's DwaCompressor adds offsets to a null pointer for every
+    # lossy-DCT channel it decompresses (undefined behaviour without a memory
+    # access; see the README's Robustness section), which UBSan rightly
+    # reports on the first such input. Header loading starts from them too.
+    # Inputs that found new code stay in build/clang/fuzz/corpus-<target> for
+    # the next run, and FUZZ_MERGE=1 adds them, minimized, to fuzz/corpus. A
+    # crash stops with the input saved as build/clang/fuzz/crash-<target>-*.
     scripts/build-instrumented-openexr.sh build/openexr-fuzz
     cmake --preset clang -DKT_FUZZ_OPENEXR_DIR="$PWD/build/openexr-fuzz/install" >/dev/null
     targets=(loadHeader decode encode metadata)
@@ -60,7 +65,9 @@ case "${1:-}" in
     for target in "${targets[@]}"; do
       mkdir -p "$dir/corpus-$target" "fuzz/corpus/$target"
       seeds=("fuzz/corpus/$target")
-      [[ $target == loadHeader || $target == decode ]] && seeds+=(tests/robustness/reproducers "$dir/seeds" "${shared[@]}")
+      [[ $target == loadHeader ]] && seeds+=("$dir/seeds/known-dwa")
+      [[ $target == loadHeader || $target == decode ]] &&
+        seeds+=(tests/robustness/reproducers "$dir/seeds/samples" "$dir/seeds/known" "${shared[@]}")
       if ! "$dir/fuzz_$target" -max_total_time="${FUZZ_SECONDS:-150}" -timeout=10 -max_len=131072 \
           -close_fd_mask=1 -print_final_stats=1 -dict=fuzz/exr.dict -artifact_prefix="$dir/crash-$target-" \
           "$dir/corpus-$target" "${seeds[@]}" >"$dir/$target.log" 2>&1; then
