@@ -134,6 +134,7 @@ std::vector<SampleFile> knownDefectFiles()
             p.displayWindow = box(far, -far - 40, far + 40, -far);
             p.dataWindow = box(far + 5, -far - 35, far + 24, -far - 20);
             p.channels = {{"A", Imf::HALF}, {"B", Imf::FLOAT}, {"G"}, {"R"}};
+            p.value = [](const std::string&, int x, int y) { return ((x & 31) + (y & 15)) / 16.0; };
             files.push_back({std::string(name) + (tiled ? ", tiled" : ", scan lines") + ", window far from the origin",
                              makeExr(p)});
         }
