@@ -68,7 +68,7 @@ case "${1:-}" in
       [[ $target == loadHeader ]] && seeds+=("$dir/seeds/known-dwa")
       [[ $target == loadHeader || $target == decode ]] &&
         seeds+=(tests/robustness/reproducers "$dir/seeds/samples" "$dir/seeds/known" "${shared[@]}")
-      if ! "$dir/fuzz_$target" -max_total_time="${FUZZ_SECONDS:-150}" -timeout=10 -max_len=131072 \
+      if ! "$dir/fuzz_$target" -max_total_time="${FUZZ_SECONDS:-150}" -timeout=10 -max_len=32768 \
           -close_fd_mask=1 -print_final_stats=1 -dict=fuzz/exr.dict -artifact_prefix="$dir/crash-$target-" \
           "$dir/corpus-$target" "${seeds[@]}" >"$dir/$target.log" 2>&1; then
         tail -n 60 "$dir/$target.log" >&2
@@ -78,7 +78,7 @@ case "${1:-}" in
       total=$((total + runs))
       echo "fuzz_$target: $runs executions, $(sed -n 's/.*cov: \([0-9]*\).*/\1/p' "$dir/$target.log" | tail -n 1) edges, no finding"
       if [[ "${FUZZ_MERGE:-0}" == 1 ]]; then
-        "$dir/fuzz_$target" -merge=1 "fuzz/corpus/$target" "$dir/corpus-$target" >"$dir/$target-merge.log" 2>&1
+        "$dir/fuzz_$target" -merge=1 -max_len=32768 "fuzz/corpus/$target" "$dir/corpus-$target" >"$dir/$target-merge.log" 2>&1
       fi
     done
     echo "fuzzing: $total executions in all"
