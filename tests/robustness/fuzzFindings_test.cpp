@@ -7,7 +7,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
+#include <stdexcept>
 
 #include "image/rgbaBuffer.h"
 #include "plugin/ktImageExr.h"
