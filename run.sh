@@ -51,7 +51,8 @@ case "${1:-}" in
     # access; see the README's Robustness section), which UBSan rightly
     # reports on the first such input. Header loading starts from them too.
     # Inputs that found new code stay in build/clang/fuzz/corpus-<target> for
-    # the next run, and FUZZ_MERGE=1 adds them, minimized, to fuzz/corpus. A
+    # the next run, and FUZZ_MERGE=1 adds those that find new code within their
+    # first 4 KiB to fuzz/corpus, kept small in the repository. A
     # crash stops with the input saved as build/clang/fuzz/crash-<target>-*.
     scripts/build-instrumented-openexr.sh build/openexr-fuzz
     cmake --preset clang -DKT_FUZZ_OPENEXR_DIR="$PWD/build/openexr-fuzz/install" >/dev/null
@@ -78,7 +79,7 @@ case "${1:-}" in
       total=$((total + runs))
       echo "fuzz_$target: $runs executions, $(sed -n 's/.*cov: \([0-9]*\).*/\1/p' "$dir/$target.log" | tail -n 1) edges, no finding"
       if [[ "${FUZZ_MERGE:-0}" == 1 ]]; then
-        "$dir/fuzz_$target" -merge=1 -max_len=32768 "fuzz/corpus/$target" "$dir/corpus-$target" >"$dir/$target-merge.log" 2>&1
+        "$dir/fuzz_$target" -merge=1 -max_len=4096 "fuzz/corpus/$target" "$dir/corpus-$target" >"$dir/$target-merge.log" 2>&1
       fi
     done
     echo "fuzzing: $total executions in all"
