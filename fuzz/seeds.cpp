@@ -1,10 +1,23 @@
-// Writes the robustness tests' sample files into a folder, one file each:
-// the fuzzers' starting points.
+// Writes the fuzzers' starting points: the robustness tests' sample files
+// into <folder>/samples, and the files that reach OpenEXR's known defect classes
+// into <folder>/known, those of DWA compression into <folder>/known-dwa
+// (see ./run.sh fuzz for why the decoder target does not start from those).
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 
 #include "tests/robustness/sampleFiles.h"
+
+namespace {
+
+bool write(const std::filesystem::path& path, const kt::robust::SampleFile& sample)
+{
+    std::ofstream out(path, std::ios::binary);
+    out.write(sample.bytes.data(), static_cast<std::streamsize>(sample.bytes.size()));
+    return static_cast<bool>(out);
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -13,12 +26,13 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::filesystem::path folder = argv[1];
-    std::filesystem::create_directories(folder);
+    for (const char* sub : {"samples", "known", "known-dwa"}) std::filesystem::create_directories(folder / sub);
     int n = 0;
-    for (const kt::robust::SampleFile& sample : kt::robust::sampleFiles()) {
-        std::ofstream out(folder / ("seed" + std::to_string(n++) + ".exr"), std::ios::binary);
-        out.write(sample.bytes.data(), static_cast<std::streamsize>(sample.bytes.size()));
-        if (!out) return 1;
+    for (const kt::robust::SampleFile& sample : kt::robust::sampleFiles())
+        if (!write(folder / "samples" / ("seed" + std::to_string(n++) + ".exr"), sample)) return 1;
+    for (const kt::robust::SampleFile& sample : kt::robust::knownDefectFiles()) {
+        const bool dwa = sample.name.rfind("DWA", 0) == 0;
+        if (!write(folder / (dwa ? "known-dwa" : "known") / ("seed" + std::to_string(n++) + ".exr"), sample)) return 1;
     }
     std::printf("%d seeds in %s\n", n, folder.c_str());
     return 0;

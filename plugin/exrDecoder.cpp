@@ -501,8 +501,10 @@ int decode(imgCallRecord* call)
     try {
         threads = Imf::globalThreadCount();
         // A damaged header can make OpenEXR allocate by sizes it announces.
-        dataFits = kt::exrCheckBeforeOpening(*call->fileBuffer).pixelDataFits();
+        const kt::ExrFileClaims claims = kt::exrCheckBeforeOpening(*call->fileBuffer);
+        dataFits = claims.pixelDataFits();
         if (dataFits) {
+            stream.readByCopy(claims.chunksRewrittenWhenRead);
             stream.seekg(0);
             file = std::make_unique<Imf::InputFile>(stream, threads);
             header = std::make_unique<Imf::Header>(file->header());

@@ -353,7 +353,11 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
         const PartBytes part = checkPart(header, multiPart, claims.fileBytes);
         tables = plus(tables, part.table);
         if (tables > claims.fileBytes) throw Iex::InputExc("chunk offset tables larger than the file");
-        if (headerStart == 8) leastData = part.leastData;  // the part the decoders read
+        if (headerStart == 8) {  // the part the decoders read
+            leastData = part.leastData;
+            claims.chunksRewrittenWhenRead = header.compression() == Imf::DWAA_COMPRESSION ||
+                                             header.compression() == Imf::DWAB_COMPRESSION;
+        }
         if (!multiPart) break;
     }
     // Opening reads the headers and every offset table. (OpenEXR 3.1 loses

@@ -31,6 +31,12 @@ struct ExrFileClaims {
     std::uint64_t leastBytes = 0;
     // The larger of the buffer's fileSize and sizeLoaded.
     std::uint64_t fileBytes = 0;
+    // The first part is DWA-compressed. OpenEXR's DWA decompressor turns the
+    // byte order of the counters at the head of each chunk around where they
+    // lie: it writes into its input and reads it as 64-bit words wherever the
+    // chunk starts. Such chunks must reach it as private, aligned copies,
+    // never as pointers into the host's buffer.
+    bool chunksRewrittenWhenRead = false;
 
     bool pixelDataFits() const { return leastBytes <= fileBytes; }
 };

@@ -34,6 +34,13 @@ public:
     // before any pixel data is read.
     void setGuard(std::uint64_t guardBytes);
 
+    // With `copy` set, the stream stops declaring itself memory-mapped, so
+    // that OpenEXR reads every chunk into a buffer of its own (for
+    // decompressors that write into their input). Set it before the input
+    // file is opened: OpenEXR sizes its buffers by the answer then.
+    void readByCopy(bool copy) { copying = copy; }
+    bool isMemoryMapped() const override { return !copying; }
+
     // As the base (same checks, same exception, same cursor), except that
     // the pointer lies in the zero-padded tail copy where fewer than the
     // guard's bytes of loaded data follow the request's start. Throws
@@ -46,6 +53,7 @@ public:
 private:
     ktP::_imgFileBuffer* source;
     std::uint64_t guard = 0;
+    bool copying = false;
     long long tailStart = 0;  // buffer offset of tailCopy[0]
     struct FreeDeleter {
         void operator()(char* p) const;

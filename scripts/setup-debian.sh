@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev binutils
+  cmake ninja-build g++ clang libclang-rt-14-dev binutils dpkg-dev
   libopenexr-dev zlib1g-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev

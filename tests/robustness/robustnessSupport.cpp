@@ -115,4 +115,39 @@ std::vector<SampleFile> sampleFiles()
             {"multi-part, scan lines and tiles", makeMultiPartExr({zip, second})}};
 }
 
+std::vector<SampleFile> knownDefectFiles()
+{
+    using namespace kt::test;
+    std::vector<SampleFile> files;
+    // OpenEXR's decompressors kept data-window arithmetic that assumed a zero
+    // origin: windows near the ends of the int range, scan lines and tiles.
+    const std::pair<Imf::Compression, const char*> compressions[] = {
+        {Imf::RLE_COMPRESSION, "RLE"},     {Imf::ZIP_COMPRESSION, "ZIP"},     {Imf::PIZ_COMPRESSION, "PIZ"},
+        {Imf::PXR24_COMPRESSION, "PXR24"}, {Imf::B44_COMPRESSION, "B44"},     {Imf::B44A_COMPRESSION, "B44A"},
+        {Imf::DWAA_COMPRESSION, "DWAA"},   {Imf::DWAB_COMPRESSION, "DWAB"}};
+    constexpr int far = (1 << 30) - 97;  // OpenEXR refuses windows beyond half the int range
+    for (const auto& [compression, name] : compressions) {
+        for (bool tiled : {false, true}) {
+            ExrPart p;
+            p.compression = compression;
+            p.tiled = tiled;
+            p.displayWindow = box(far, -far - 40, far + 40, -far);
+            p.dataWindow = box(far + 5, -far - 35, far + 24, -far - 20);
+            p.channels = {{"A", Imf::HALF}, {"B", Imf::FLOAT}, {"G"}, {"R"}};
+            p.value = [](const std::string&, int x, int y) { return ((x & 31) + (y & 15)) / 16.0; };
+            files.push_back({std::string(name) + (tiled ? ", tiled" : ", scan lines") + ", window far from the origin",
+                             makeExr(p)});
+        }
+    }
+    // DWA chunks read where they lie in a large file (OpenEXR once decoded
+    // them in place from memory-mapped input).
+    ExrPart noisy;
+    noisy.displayWindow = box(0, 0, 255, 1023);
+    noisy.compression = Imf::DWAA_COMPRESSION;
+    noisy.channels = channelList({"B", "G", "R"});
+    noisy.value = [](const std::string&, int x, int y) { return (x * 7919 + y * 104729) % 1000 / 100.0; };
+    files.push_back({"DWAA, 1024 noisy lines", makeExr(noisy)});
+    return files;
+}
+
 }  // namespace kt::robust

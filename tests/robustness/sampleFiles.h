@@ -18,4 +18,10 @@ struct SampleFile {
 
 std::vector<SampleFile> sampleFiles();
 
+// Files that reach the classes of defects OpenEXR fixed after 3.1.5 which
+// the plug-in can be handed: each decompressor with a data window far from
+// the origin, and a DWA file whose chunks lie in the middle of a large file.
+// The fuzzers start from them too, so the instrumented library checks them.
+std::vector<SampleFile> knownDefectFiles();
+
 }  // namespace kt::robust
