@@ -17,8 +17,10 @@
 #include <memory>
 #include <new>
 #include <type_traits>
+#include <vector>
 
 #include "image/rgbaBuffer.h"
+#include "plugin/exrChunkReader.h"
 #include "plugin/exrPrecheck.h"
 #include "plugin/guardedFileBufferStream.h"
 #include "plugin/ktImageExr.h"
@@ -369,56 +371,17 @@ void Transfer<Buffer, Pixel>::rows(std::int64_t from, std::int64_t to) const
     }
 }
 
-// One range of rows as a task of OpenEXR's pool. Nothing after the base
-// can throw: a task counted by its group must run. Each task counts itself
-// done with release order, so that the caller's acquiring read orders
-// everything the task did before whatever the caller does next, visibly to
-// tools that do not see into OpenEXR's own synchronisation.
-template <class Work>
-class RowsTask : public IlmThread::Task {
-public:
-    RowsTask(IlmThread::TaskGroup* group, const Work& work, std::int64_t from, std::int64_t to,
-             std::atomic<int>& finished)
-        : IlmThread::Task(group), work(work), from(from), to(to), finished(finished)
-    {
-    }
-    void execute() override
-    {
-        work.rows(from, to);
-        finished.fetch_add(1, std::memory_order_release);
-    }
-
-private:
-    const Work& work;
-    std::int64_t from;
-    std::int64_t to;
-    std::atomic<int>& finished;
-};
-
-// Runs work.rows over [0, rowCount) in `parts` ranges: one on this thread,
-// the others as tasks of OpenEXR's thread pool. Ranges that cannot be
-// handed to the pool run here.
+// Runs work.rows over [0, rowCount) in `parts` ranges, shared between this
+// thread and OpenEXR's pool.
 template <class Work>
 void runRows(const Work& work, std::int64_t rowCount, int parts)
 {
     parts = static_cast<int>(std::clamp<std::int64_t>(parts, 1, std::max<std::int64_t>(rowCount, 1)));
-    auto bound = [&](int part) { return rowCount * part / parts; };
-    int handedOut = 1;
-    std::atomic<int> finished{0};
-    bool ownPartDone = false;
-    try {
-        IlmThread::TaskGroup group;  // waits for its tasks as it goes
-        for (; handedOut < parts; ++handedOut)
-            IlmThread::ThreadPool::addGlobalTask(
-                new RowsTask<Work>(&group, work, bound(handedOut), bound(handedOut + 1), finished));
-        work.rows(bound(0), bound(1));
-        ownPartDone = true;
-    } catch (...) {
-    }
-    while (finished.load(std::memory_order_acquire) < handedOut - 1) {
-    }
-    for (; handedOut < parts; ++handedOut) work.rows(bound(handedOut), bound(handedOut + 1));
-    if (!ownPartDone) work.rows(bound(0), bound(1));
+    std::atomic<int> nextPart{0};
+    kt::exrRunShared(parts - 1, [&] {
+        for (int part; (part = nextPart.fetch_add(1)) < parts;)
+            work.rows(rowCount * part / parts, rowCount * (part + 1) / parts);
+    });
 }
 
 // Sets the whole pixel memory to zero bytes.
@@ -565,10 +528,16 @@ int decode(imgCallRecord* call)
     } catch (...) {
         return imgStatusLibraryFailure;
     }
-    try {
-        file->readPixels(window.min.y, window.max.y);
-    } catch (...) {
-        return imgStatusBrokenFile;
+    // The quick reader first; whatever it declines, OpenEXR's C++ reader reads.
+    std::vector<kt::ExrPlaneTarget> targets;
+    for (int i = 0; i < choice.slotsUsed; ++i)
+        targets.push_back({slots[i].name.text, static_cast<char*>(slots[i].dataPointer)});
+    if (!kt::exrReadPlanesQuickly(*call->fileBuffer, *header, targets, threads)) {
+        try {
+            file->readPixels(window.min.y, window.max.y);
+        } catch (...) {
+            return imgStatusBrokenFile;
+        }
     }
     header.reset();
     file.reset();

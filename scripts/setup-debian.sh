@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev binutils
-  libopenexr-dev zlib1g-dev libpng-dev
+  libopenexr-dev zlib1g-dev libdeflate-dev libpng-dev pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   openexr openimageio-tools
