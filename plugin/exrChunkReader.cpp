@@ -5,6 +5,7 @@
 #include <OpenEXR/ImfPartType.h>
 #include <OpenEXR/openexr.h>
 
+#include <emmintrin.h>
 #include <libdeflate.h>
 
 #include <algorithm>
@@ -132,23 +133,54 @@ bool runLengthDecode(const unsigned char* in, std::uint64_t inBytes, unsigned ch
 }
 
 // Both lossless compressions store each byte as its difference to the one
-// before (plus 128), with the even-numbered bytes of a chunk first and the
-// odd-numbered ones after them.
-void undoPredictorAndInterleave(unsigned char* packed, std::uint64_t bytes, unsigned char* out)
+// before, plus 128 (modulo 256), with the even-numbered bytes of a chunk first
+// and the odd-numbered ones after them.
+//
+// The differences are summed in place, sixteen at a time: within a block in
+// four shifted additions, then the running total of the blocks before it
+// added to every byte. Integer sums modulo 256 come out the same in any order.
+void undoPredictor(unsigned char* bytes, std::uint64_t count)
 {
-    unsigned char previous = packed[0];
-    for (std::uint64_t i = 1; i < bytes; ++i) {
-        previous = static_cast<unsigned char>(previous + packed[i] - 128);
-        packed[i] = previous;
+    if (count == 0) return;
+    bytes[0] ^= 0x80;  // the first byte is stored as it is: keep it through the blanket -128 below
+    const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
+    __m128i carry = _mm_setzero_si128();
+    std::uint64_t i = 0;
+    for (; i + 16 <= count; i += 16) {
+        __m128i x = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i)), bias);
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 1));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 2));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 4));
+        x = _mm_add_epi8(x, _mm_slli_si128(x, 8));
+        x = _mm_add_epi8(x, carry);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + i), x);
+        carry = _mm_set1_epi8(static_cast<char>(_mm_extract_epi16(x, 7) >> 8));
     }
-    const unsigned char* even = packed;
-    const unsigned char* odd = packed + (bytes + 1) / 2;
-    const std::uint64_t pairs = bytes / 2;
-    for (std::uint64_t i = 0; i < pairs; ++i) {
+    unsigned char previous = i > 0 ? bytes[i - 1] : 0;
+    for (; i < count; ++i) {
+        previous = static_cast<unsigned char>(previous + (bytes[i] ^ 0x80));
+        bytes[i] = previous;
+    }
+}
+
+// Output bytes [2 * first, 2 * (first + pairs)) of the interleaved chunk
+// whose halves begin at even and odd.
+void interleave(const unsigned char* even, const unsigned char* odd, std::uint64_t first, std::uint64_t pairs,
+                unsigned char* out)
+{
+    even += first;
+    odd += first;
+    std::uint64_t i = 0;
+    for (; i + 16 <= pairs; i += 16) {
+        const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(even + i));
+        const __m128i o = _mm_loadu_si128(reinterpret_cast<const __m128i*>(odd + i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i), _mm_unpacklo_epi8(e, o));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i + 16), _mm_unpackhi_epi8(e, o));
+    }
+    for (; i < pairs; ++i) {
         out[2 * i] = even[i];
         out[2 * i + 1] = odd[i];
     }
-    if (bytes % 2) out[bytes - 1] = even[pairs];
 }
 
 struct DeflateFree {
@@ -169,37 +201,46 @@ struct PlaneFill {
     mutable std::atomic<bool> failed{false};
 
     void work() const;
-    bool decodeChunk(const Chunk& chunk, libdeflate_decompressor* inflater, std::vector<unsigned char>& scratch,
-                     std::vector<unsigned char>& lines) const;
+    bool decodeChunk(const Chunk& chunk, libdeflate_decompressor* inflater, std::vector<unsigned char>& scratch) const;
 };
 
-bool PlaneFill::decodeChunk(const Chunk& chunk, libdeflate_decompressor* inflater, std::vector<unsigned char>& scratch,
-                            std::vector<unsigned char>& lines) const
+bool PlaneFill::decodeChunk(const Chunk& chunk, libdeflate_decompressor* inflater,
+                            std::vector<unsigned char>& scratch) const
 {
     const std::uint64_t expected = lineBytes * static_cast<std::uint64_t>(chunk.rows);
-    const unsigned char* raw = chunk.stored;
     // A chunk no smaller than its pixels is stored as it is, whatever the compression.
-    if (chunk.storedBytes != expected) {
-        if (chunk.storedBytes > expected || compression == Imf::NO_COMPRESSION) return false;
-        if (scratch.size() < expected) scratch.resize(expected);
-        if (lines.size() < expected) lines.resize(expected);
-        if (compression == Imf::RLE_COMPRESSION) {
-            if (!runLengthDecode(chunk.stored, chunk.storedBytes, scratch.data(), expected)) return false;
-        } else {
-            if (libdeflate_zlib_decompress(inflater, chunk.stored, chunk.storedBytes, scratch.data(), expected,
-                                           nullptr) != LIBDEFLATE_SUCCESS)
-                return false;
+    if (chunk.storedBytes == expected) {
+        for (std::int64_t r = 0; r < chunk.rows; ++r) {
+            const unsigned char* line = chunk.stored + static_cast<std::uint64_t>(r) * lineBytes;
+            const std::uint64_t row = static_cast<std::uint64_t>(chunk.firstRow + r);
+            for (std::size_t c = 0; c < planeOfChannel.size(); ++c) {
+                if (!planeOfChannel[c]) continue;
+                const std::uint64_t rowBytes = static_cast<std::uint64_t>(width) * bytesOfChannel[c];
+                std::memcpy(planeOfChannel[c] + row * rowBytes, line + lineOffsetOfChannel[c], rowBytes);
+            }
         }
-        if (expected > 0) undoPredictorAndInterleave(scratch.data(), expected, lines.data());
-        raw = lines.data();
+        return true;
     }
+    if (chunk.storedBytes > expected || compression == Imf::NO_COMPRESSION) return false;
+    if (scratch.size() < expected) scratch.resize(expected);
+    if (compression == Imf::RLE_COMPRESSION) {
+        if (!runLengthDecode(chunk.stored, chunk.storedBytes, scratch.data(), expected)) return false;
+    } else if (libdeflate_zlib_decompress(inflater, chunk.stored, chunk.storedBytes, scratch.data(), expected,
+                                          nullptr) != LIBDEFLATE_SUCCESS) {
+        return false;
+    }
+    undoPredictor(scratch.data(), expected);
+    // Every line and channel starts at an even byte: each plane row is a run of whole pairs.
+    const unsigned char* even = scratch.data();
+    const unsigned char* odd = even + (expected + 1) / 2;
     for (std::int64_t r = 0; r < chunk.rows; ++r) {
-        const unsigned char* line = raw + static_cast<std::uint64_t>(r) * lineBytes;
+        const std::uint64_t lineStart = static_cast<std::uint64_t>(r) * lineBytes;
         const std::uint64_t row = static_cast<std::uint64_t>(chunk.firstRow + r);
         for (std::size_t c = 0; c < planeOfChannel.size(); ++c) {
             if (!planeOfChannel[c]) continue;
             const std::uint64_t rowBytes = static_cast<std::uint64_t>(width) * bytesOfChannel[c];
-            std::memcpy(planeOfChannel[c] + row * rowBytes, line + lineOffsetOfChannel[c], rowBytes);
+            interleave(even, odd, (lineStart + lineOffsetOfChannel[c]) / 2, rowBytes / 2,
+                       reinterpret_cast<unsigned char*>(planeOfChannel[c] + row * rowBytes));
         }
     }
     return true;
@@ -212,13 +253,13 @@ void PlaneFill::work() const
         failed.store(true);
         return;
     }
-    std::vector<unsigned char> scratch, lines;
+    std::vector<unsigned char> scratch;
     try {
         for (;;) {
             if (failed.load(std::memory_order_relaxed)) return;
             const std::size_t index = claimed.fetch_add(1, std::memory_order_relaxed);
             if (index >= chunks.size()) return;
-            if (!decodeChunk(chunks[index], inflater.get(), scratch, lines)) {
+            if (!decodeChunk(chunks[index], inflater.get(), scratch)) {
                 failed.store(true);
                 return;
             }
