@@ -398,24 +398,32 @@ std::uint64_t exrQuickReadCount() { return quickReads.load(); }
 
 void exrRunShared(int helpers, const std::function<void()>& work)
 {
-    RunLatch latch;
-    {
-        IlmThread::TaskGroup group;  // its destructor waits for the tasks to be gone
-        for (int i = 0; i < helpers; ++i) {
-            latch.add();
-            try {
-                IlmThread::ThreadPool::addGlobalTask(new SharedRun(&group, work, latch));
-            } catch (...) {
-                latch.done();
-                break;
-            }
-        }
+    exrRunBeside(helpers, work, [&work] {
         try {
             work();
         } catch (...) {
         }
-        latch.wait();
+    });
+}
+
+void exrRunBeside(int helpers, const std::function<void()>& helper, const std::function<void()>& own)
+{
+    RunLatch latch;
+    IlmThread::TaskGroup group;  // its destructor waits for the tasks to be gone
+    for (int i = 0; i < helpers; ++i) {
+        latch.add();
+        try {
+            IlmThread::ThreadPool::addGlobalTask(new SharedRun(&group, helper, latch));
+        } catch (...) {
+            latch.done();
+            break;
+        }
     }
+    struct WaitOnExit {
+        RunLatch& latch;
+        ~WaitOnExit() { latch.wait(); }
+    } waitOnExit{latch};
+    own();
 }
 
 }  // namespace kt

@@ -52,4 +52,9 @@ std::uint64_t exrQuickReadCount();
 // Helpers that cannot be handed to the pool are simply not started.
 void exrRunShared(int helpers, const std::function<void()>& work);
 
+// As exrRunShared, but the calling thread runs `own` while the helpers run
+// `helper`. `own` may throw: the helpers are still waited for, then the
+// exception passes on.
+void exrRunBeside(int helpers, const std::function<void()>& helper, const std::function<void()>& own);
+
 }  // namespace kt

@@ -19,6 +19,8 @@
 #include <memory>
 #include <string>
 
+#include "plugin/exrChunkReader.h"
+#include "plugin/exrChunkWriter.h"
 #include "plugin/exrMetadata.h"
 #include "plugin/fileBufferStream.h"
 #include "plugin/ktImageExr.h"
@@ -322,6 +324,44 @@ void paintOutside(ktP::_imgRGBABufferf& image, const CropBox& box)
     }
 }
 
+// The file through OpenEXR's output file: the reference way.
+template <class Depth>
+int writeWithOutputFile(GuardedStream& stream, const Imf::Header& header, const typename Depth::Buffer& image,
+                        const CropBox& box, int threads)
+{
+    std::unique_ptr<Imf::RgbaOutputFile> file;
+    try {
+        file = std::make_unique<Imf::RgbaOutputFile>(stream, header, Imf::WRITE_RGBA, threads);
+    } catch (...) {
+        return imgStatusCannotHandle;
+    }
+    try {
+        writeRows<Depth>(*file, image, box, std::max(1, std::min(rowsPerWrite(threads), box.maxY - box.minY + 1)));
+    } catch (...) {
+        // Abandon the file as it stands: no line-offset table follows.
+        stream.close();
+        file.reset();
+        return imgStatusLibraryFailure;
+    }
+    file.reset();  // writes the line-offset table
+    return imgStatusOk;
+}
+
+// The same file with the lines deflated by libdeflate on OpenEXR's pool.
+template <class Depth>
+int writeQuickly(GuardedStream& stream, const Imf::Header& header, const typename Depth::Buffer& image,
+                 const CropBox& box, int threads)
+{
+    switch (kt::exrWriteRgbaZipsLines(stream, header, threads,
+                                      [&](int y, Imf::Rgba* row) { convertRow<Depth>(image, y, box, row); })) {
+    case kt::ExrWriteOutcome::written: return imgStatusOk;
+    case kt::ExrWriteOutcome::headerRefused: return imgStatusCannotHandle;
+    case kt::ExrWriteOutcome::pixelsFailed: break;
+    }
+    stream.close();  // nothing more reaches the file buffer
+    return imgStatusLibraryFailure;
+}
+
 // The settings of a call that came without a job-settings record.
 const imgJobSettings& noSettings()
 {
@@ -397,21 +437,9 @@ int encode(imgCallRecord* call) noexcept
         headerInsertData(header, metadata, "-");
 
         const int threads = Imf::globalThreadCount();
-        std::unique_ptr<Imf::RgbaOutputFile> file;
-        try {
-            file = std::make_unique<Imf::RgbaOutputFile>(stream, header, Imf::WRITE_RGBA, threads);
-        } catch (...) {
-            return imgStatusCannotHandle;
-        }
-        try {
-            writeRows<Depth>(*file, image, box, std::max(1, std::min(rowsPerWrite(threads), box.maxY - box.minY + 1)));
-        } catch (...) {
-            // Abandon the file as it stands: no line-offset table follows.
-            stream.close();
-            file.reset();
-            return imgStatusLibraryFailure;
-        }
-        file.reset();  // writes the line-offset table
+        const int status = kt::exrReferencePathForced() ? writeWithOutputFile<Depth>(stream, header, image, box, threads)
+                                                        : writeQuickly<Depth>(stream, header, image, box, threads);
+        if (status != imgStatusOk) return status;
 
         if (stream.lostBytes()) {
             image.imageInfo.infoText += " ERR: File buffer too small!";
