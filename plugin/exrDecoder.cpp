@@ -564,27 +564,15 @@ int decode(imgCallRecord* call)
 
 extern "C" int imgDecode8(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABuffer8, _Rgba8>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABuffer8, _Rgba8>, call);
 }
 
 extern "C" int imgDecode16(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABuffer16, _Rgba16>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABuffer16, _Rgba16>, call);
 }
 
 extern "C" int imgDecodef(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABufferf, _Rgbaf>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABufferf, _Rgbaf>, call);
 }
