@@ -1,7 +1,6 @@
 #include "plugin/exrDecoder.h"
 
 #include <Imath/ImathBox.h>
-#include <OpenEXR/IlmThreadPool.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
@@ -456,6 +455,7 @@ int decode(imgCallRecord* call)
     if (!call || !call->fileBuffer || !call->imageInfo) return imgStatusLibraryFailure;
     Buffer& out = *static_cast<Buffer*>(call->imageInfo);
 
+    // 1. Check the file's claims against its size, then open it.
     kt::_imgGuardedFileBufferStream stream(call->fileBuffer);
     int threads = 0;
     bool dataFits = false;
@@ -491,6 +491,7 @@ int decode(imgCallRecord* call)
         }
     } clearOnFailure;
 
+    // 2. The windows, the region mark, and a slot with a plane for each channel a role picks.
     std::unique_ptr<std::uint64_t[]> scratch;
     std::unique_ptr<_singleChannel[]> slots;
     Imf::FrameBuffer frame;
@@ -528,7 +529,8 @@ int decode(imgCallRecord* call)
     } catch (...) {
         return imgStatusLibraryFailure;
     }
-    // The quick reader first; whatever it declines, OpenEXR's C++ reader reads.
+    // 3. The pixels into the planes: the quick reader first; whatever it
+    // declines, OpenEXR's C++ reader reads.
     std::vector<kt::ExrPlaneTarget> targets;
     for (int i = 0; i < choice.slotsUsed; ++i)
         targets.push_back({slots[i].name.text, static_cast<char*>(slots[i].dataPointer)});
@@ -542,6 +544,7 @@ int decode(imgCallRecord* call)
     header.reset();
     file.reset();
 
+    // 4. Placement, gamma and conversion into the host's buffer.
     Transfer<Buffer, Pixel> transfer;
     transfer.out = &out;
     for (int role = 0; role < kRoleCount; ++role) transfer.source[role] = &slots[choice.slotOfRole[role]];
