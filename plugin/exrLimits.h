@@ -5,8 +5,10 @@
 // make them wrap).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <new>
 
 #include <OpenEXR/ImfCompression.h>
 #include <OpenEXR/ImfHeader.h>
@@ -23,6 +25,20 @@ inline std::uint64_t exrSaturatingProduct(std::uint64_t a, std::uint64_t b)
 inline std::uint64_t exrSaturatingSum(std::uint64_t a, std::uint64_t b)
 {
     return a > exrSaturated - b ? exrSaturated : a + b;
+}
+
+// No single block beyond this is asked for: the sizes come from the file,
+// and the allocator's own refusal of absurd sizes is not to be relied on.
+constexpr std::uint64_t exrLargestAllocation = std::uint64_t{1} << 39;
+
+// Array new of count elements; std::bad_alloc when that cannot be had.
+template <class T>
+T* exrNewArray(std::uint64_t count)
+{
+    if (count > exrLargestAllocation / sizeof(T)) throw std::bad_alloc();
+    T* values = new (std::nothrow) T[static_cast<std::size_t>(count)];
+    if (!values) throw std::bad_alloc();
+    return values;
 }
 
 // The most scan lines any compression OpenEXR knows puts in one chunk.
