@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -45,6 +46,8 @@ Outcome decodeOnce(int depth, const Bytes& file, long long sizeLoaded, bool gamm
         image.setWidth(width);
         image.setHeight(height);
         image.pixelFlags = gamma ? 1 : 0;
+        // A refused file leaves the buffer as it was: the same bytes both ways.
+        std::memset(image.pixels, 0x5A, std::size_t(image.maxPixels) * std::size_t(image.bytesPerPixel));
         imgCallRecord call{buffer.get(), &image, nullptr, nullptr};
         Outcome o;
         o.status = decoder(&call);
@@ -176,11 +179,17 @@ TEST_F(DecodePaths, RealWorldFilesGiveTheSameResults)
     if (corpusDirectory().empty()) GTEST_SKIP() << "no real-world EXR corpus beside the checkout";
     const std::uint64_t quickBefore = kt::exrQuickReadCount();
     int files = 0;
-    for (const char* folder : {"ScanLines", "Tiles", "TestImages", "DisplayWindow", "Damaged"})
+    for (const char* folder : {"ScanLines", "Tiles", "TestImages", "DisplayWindow"})
         for (const std::string& path : corpusFiles(folder)) {
             compare(path, readFileBytes(path));
             ++files;
         }
+    // The damaged ones are named as their finders left them, mostly without ".exr".
+    for (const auto& entry : std::filesystem::directory_iterator(corpusDirectory() + "/Damaged")) {
+        if (!entry.is_regular_file() || entry.path().extension() == ".rst") continue;
+        compare(entry.path().string(), readFileBytes(entry.path().string()));
+        ++files;
+    }
     EXPECT_GT(kt::exrQuickReadCount(), quickBefore);
     std::printf("[ figures  ] decode paths: %d real-world files, %d decodes each way, %llu the quick way\n", files,
                 decodes, static_cast<unsigned long long>(kt::exrQuickReadCount() - quickBefore));
