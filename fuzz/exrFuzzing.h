@@ -66,7 +66,7 @@ private:
 }  // namespace kt::fuzz
 
 #include "plugin/exrMetadata.h"
-#include "plugin/pluginRecords.h"
+#include "records/pluginRecords.h"
 
 namespace kt::fuzz {
 

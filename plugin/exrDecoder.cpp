@@ -1,7 +1,6 @@
 #include "plugin/exrDecoder.h"
 
 #include <Imath/ImathBox.h>
-#include <OpenEXR/IlmThreadPool.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
@@ -11,14 +10,16 @@
 #include <Iex.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <type_traits>
+#include <vector>
 
 #include "image/rgbaBuffer.h"
+#include "plugin/exrChunkReader.h"
+#include "plugin/exrLimits.h"
+#include "plugin/exrPixelTransfer.h"
 #include "plugin/exrPrecheck.h"
 #include "plugin/guardedFileBufferStream.h"
 #include "plugin/ktImageExr.h"
@@ -63,27 +64,18 @@ void* _singleChannel::get_dataPointer() const
 
 namespace {
 
-enum Role : int { kRed, kGreen, kBlue, kAlpha, kRoleCount };
+using kt::kRed;
+using kt::kGreen;
+using kt::kBlue;
+using kt::kAlpha;
+using kt::kRoleCount;
+using kt::exrNewArray;
 const char* const kRoleLetters[kRoleCount] = {"R", "G", "B", "A"};
-
-// No single block beyond this is asked for: the sizes come from the file,
-// and the allocator's own refusal of absurd sizes is not to be relied on.
-constexpr std::uint64_t kLargestAllocation = std::uint64_t{1} << 39;
-
-// Array new of count elements; std::bad_alloc when that cannot be had.
-template <class T>
-T* newArray(std::uint64_t count)
-{
-    if (count > kLargestAllocation / sizeof(T)) throw std::bad_alloc();
-    T* values = new (std::nothrow) T[static_cast<std::size_t>(count)];
-    if (!values) throw std::bad_alloc();
-    return values;
-}
 
 template <class T>
 void allocatePlane(_channelPlane<T>& plane, std::int64_t rows, std::int64_t columns)
 {
-    T* values = newArray<T>(static_cast<std::uint64_t>(rows) * static_cast<std::uint64_t>(columns));
+    T* values = exrNewArray<T>(static_cast<std::uint64_t>(rows) * static_cast<std::uint64_t>(columns));
     delete[] plane.values;
     plane.values = values;
     plane.rows = rows;
@@ -178,313 +170,6 @@ ChannelChoice fillSlots(const Imf::ChannelList& channels, const int (&number)[kR
     return choice;
 }
 
-// ---- moving the decoded planes into the host's buffer --------------------
-
-// What an export stores: the pixel type and how four floats become one.
-template <class Pixel>
-struct PixelFrom {
-    static Pixel floats(float r, float g, float b, float a)
-    {
-        Pixel p;
-        p.fromFloatRGBA_sw(r, g, b, a, false);
-        return p;
-    }
-};
-template <>
-struct PixelFrom<_Rgbaf> {
-    static _Rgbaf floats(float r, float g, float b, float a) { return _Rgbaf{r, g, b, a}; }
-};
-
-template <class Pixel>
-using ChannelOf = std::remove_reference_t<decltype(Pixel::r)>;
-
-constexpr int kHalfValues = 1 << 16;
-// Below this many pixels per call the tables cost more than they save.
-constexpr std::int64_t kTablePixels = 32768;
-// Below this many pixels the transfer stays on the calling thread.
-constexpr std::int64_t kParallelPixels = 1 << 18;
-
-// Everything the transfer reads; shared read-only by the threads that run it.
-template <class Buffer, class Pixel>
-struct Transfer {
-    Buffer* out = nullptr;
-    const _singleChannel* source[kRoleCount] = {};
-    std::int64_t width = 0;      // data window
-    std::int64_t height = 0;
-    std::int64_t columnShift = 0;  // target column of data column 0
-    std::int64_t rowShift = 0;     // target row of data row 0
-    bool gamma = false;
-    float gammaValue = 1.0f;
-
-    // Target rectangle that data covers: [txBegin, txEnd) x [tyBegin, tyEnd).
-    std::int64_t txBegin = 0, txEnd = 0, tyBegin = 0, tyEnd = 0;
-
-    // With every role on a HALF channel and enough pixels: each half's
-    // result, through the same conversion as pixel by pixel. Integer
-    // pixels: the stored channel for colour (gamma applied) and alpha;
-    // float pixels: the gamma-corrected float (colour only, when gamma is on).
-    bool allHalf = false;
-    std::unique_ptr<ChannelOf<Pixel>[]> colourTable;
-    std::unique_ptr<ChannelOf<Pixel>[]> alphaTable;
-    std::unique_ptr<float[]> gammaTable;
-
-    void buildTables();
-    // Fills target rows [from, to): cleared where no data lands, converted where it does.
-    void rows(std::int64_t from, std::int64_t to) const;
-
-private:
-    void convertRow(std::int64_t row, std::int64_t column, std::int64_t count, Pixel* target) const;
-    void floatRow(const _singleChannel& channel, bool colour, std::int64_t row, std::int64_t column,
-                  std::int64_t count, float* values) const;
-};
-
-template <class Buffer, class Pixel>
-void Transfer<Buffer, Pixel>::buildTables()
-{
-    if (!allHalf || (txEnd - txBegin) * (tyEnd - tyBegin) < kTablePixels) return;
-    if constexpr (std::is_same_v<Pixel, _Rgbaf>) {
-        if (!gamma) return;  // a half widens through OpenEXR's own table
-        gammaTable.reset(newArray<float>(kHalfValues));
-        for (int bits = 0; bits < kHalfValues; ++bits) {
-            const float v = half(half::FromBits, static_cast<std::uint16_t>(bits));
-            gammaTable[bits] = kt::exrGammaCorrected(v, gammaValue);
-        }
-    } else {
-        colourTable.reset(newArray<ChannelOf<Pixel>>(kHalfValues));
-        alphaTable.reset(newArray<ChannelOf<Pixel>>(kHalfValues));
-        for (int bits = 0; bits < kHalfValues; ++bits) {
-            const float v = half(half::FromBits, static_cast<std::uint16_t>(bits));
-            const float c = gamma ? kt::exrGammaCorrected(v, gammaValue) : v;
-            const Pixel p = PixelFrom<Pixel>::floats(c, c, c, v);
-            colourTable[bits] = p.r;
-            alphaTable[bits] = p.a;
-        }
-    }
-}
-
-template <class Buffer, class Pixel>
-void Transfer<Buffer, Pixel>::floatRow(const _singleChannel& channel, bool colour, std::int64_t row,
-                                       std::int64_t column, std::int64_t count, float* values) const
-{
-    const bool curve = colour && gamma;
-    const std::int64_t start = row * width + column;
-    switch (channel.pixelType) {
-    case Imf::HALF: {
-        const half* in = channel.halfPlane.values + start;
-        if (curve && gammaTable) {
-            for (std::int64_t i = 0; i < count; ++i) values[i] = gammaTable[in[i].bits()];
-        } else if (curve) {
-            for (std::int64_t i = 0; i < count; ++i) values[i] = kt::exrGammaCorrected(in[i], gammaValue);
-        } else {
-            for (std::int64_t i = 0; i < count; ++i) values[i] = in[i];
-        }
-        return;
-    }
-    case Imf::FLOAT: {
-        const float* in = channel.floatPlane.values + start;
-        if (curve) {
-            for (std::int64_t i = 0; i < count; ++i) values[i] = kt::exrGammaCorrected(in[i], gammaValue);
-        } else {
-            std::memcpy(values, in, static_cast<std::size_t>(count) * sizeof(float));
-        }
-        return;
-    }
-    case Imf::UINT: {
-        const std::uint32_t* in = channel.uintPlane.values + start;
-        for (std::int64_t i = 0; i < count; ++i) {
-            const float v = static_cast<float>(in[i]);
-            values[i] = curve ? kt::exrGammaCorrected(v, gammaValue) : v;
-        }
-        return;
-    }
-    default: {
-        // A role left without any channel reads 0.
-        const float v = curve ? kt::exrGammaCorrected(0.0f, gammaValue) : 0.0f;
-        std::fill(values, values + count, v);
-        return;
-    }
-    }
-}
-
-template <class Buffer, class Pixel>
-void Transfer<Buffer, Pixel>::convertRow(std::int64_t row, std::int64_t column, std::int64_t count,
-                                         Pixel* target) const
-{
-    if (allHalf) {
-        const std::int64_t start = row * width + column;
-        const half* r = source[kRed]->halfPlane.values + start;
-        const half* g = source[kGreen]->halfPlane.values + start;
-        const half* b = source[kBlue]->halfPlane.values + start;
-        const half* a = source[kAlpha]->halfPlane.values + start;
-        if constexpr (!std::is_same_v<Pixel, _Rgbaf>) {
-            if (colourTable) {
-                const auto* colour = colourTable.get();
-                const auto* alpha = alphaTable.get();
-                for (std::int64_t i = 0; i < count; ++i)
-                    target[i] = Pixel{colour[r[i].bits()], colour[g[i].bits()], colour[b[i].bits()],
-                                      alpha[a[i].bits()]};
-                return;
-            }
-        } else {
-            if (!gamma) {
-                for (std::int64_t i = 0; i < count; ++i) target[i] = _Rgbaf{r[i], g[i], b[i], a[i]};
-                return;
-            }
-            if (gammaTable) {
-                const float* curve = gammaTable.get();
-                for (std::int64_t i = 0; i < count; ++i)
-                    target[i] = _Rgbaf{curve[r[i].bits()], curve[g[i].bits()], curve[b[i].bits()], a[i]};
-                return;
-            }
-        }
-    }
-    // Any mix of channel types: each role as floats, a block at a time.
-    constexpr std::int64_t kBlock = 256;
-    float values[kRoleCount][kBlock];
-    for (std::int64_t done = 0; done < count; done += kBlock) {
-        const std::int64_t n = std::min(kBlock, count - done);
-        for (int role = 0; role < kRoleCount; ++role)
-            floatRow(*source[role], role != kAlpha, row, column + done, n, values[role]);
-        for (std::int64_t i = 0; i < n; ++i)
-            target[done + i] =
-                PixelFrom<Pixel>::floats(values[kRed][i], values[kGreen][i], values[kBlue][i], values[kAlpha][i]);
-    }
-}
-
-template <class Buffer, class Pixel>
-void Transfer<Buffer, Pixel>::rows(std::int64_t from, std::int64_t to) const
-{
-    const std::int64_t bufferWidth = out->width;
-    Pixel* const first = reinterpret_cast<Pixel*>(out->pixels);
-    const std::int64_t count = txEnd - txBegin;
-    for (std::int64_t ty = from; ty < to; ++ty) {
-        Pixel* line = first + ty * bufferWidth;
-        if (ty < tyBegin || ty >= tyEnd) {
-            std::memset(static_cast<void*>(line), 0, static_cast<std::size_t>(bufferWidth) * sizeof(Pixel));
-            continue;
-        }
-        std::memset(static_cast<void*>(line), 0, static_cast<std::size_t>(txBegin) * sizeof(Pixel));
-        std::memset(static_cast<void*>(line + txEnd), 0, static_cast<std::size_t>(bufferWidth - txEnd) * sizeof(Pixel));
-        convertRow(ty - rowShift, txBegin - columnShift, count, line + txBegin);
-    }
-}
-
-// One range of rows as a task of OpenEXR's pool. Nothing after the base
-// can throw: a task counted by its group must run. Each task counts itself
-// done with release order, so that the caller's acquiring read orders
-// everything the task did before whatever the caller does next, visibly to
-// tools that do not see into OpenEXR's own synchronisation.
-template <class Work>
-class RowsTask : public IlmThread::Task {
-public:
-    RowsTask(IlmThread::TaskGroup* group, const Work& work, std::int64_t from, std::int64_t to,
-             std::atomic<int>& finished)
-        : IlmThread::Task(group), work(work), from(from), to(to), finished(finished)
-    {
-    }
-    void execute() override
-    {
-        work.rows(from, to);
-        finished.fetch_add(1, std::memory_order_release);
-    }
-
-private:
-    const Work& work;
-    std::int64_t from;
-    std::int64_t to;
-    std::atomic<int>& finished;
-};
-
-// Runs work.rows over [0, rowCount) in `parts` ranges: one on this thread,
-// the others as tasks of OpenEXR's thread pool. Ranges that cannot be
-// handed to the pool run here.
-template <class Work>
-void runRows(const Work& work, std::int64_t rowCount, int parts)
-{
-    parts = static_cast<int>(std::clamp<std::int64_t>(parts, 1, std::max<std::int64_t>(rowCount, 1)));
-    auto bound = [&](int part) { return rowCount * part / parts; };
-    int handedOut = 1;
-    std::atomic<int> finished{0};
-    bool ownPartDone = false;
-    try {
-        IlmThread::TaskGroup group;  // waits for its tasks as it goes
-        for (; handedOut < parts; ++handedOut)
-            IlmThread::ThreadPool::addGlobalTask(
-                new RowsTask<Work>(&group, work, bound(handedOut), bound(handedOut + 1), finished));
-        work.rows(bound(0), bound(1));
-        ownPartDone = true;
-    } catch (...) {
-    }
-    while (finished.load(std::memory_order_acquire) < handedOut - 1) {
-    }
-    for (; handedOut < parts; ++handedOut) work.rows(bound(handedOut), bound(handedOut + 1));
-    if (!ownPartDone) work.rows(bound(0), bound(1));
-}
-
-// Sets the whole pixel memory to zero bytes.
-void clearPixels(ktP::_imgRGBABuffer_all& out)
-{
-    if (out.pixels && out.bytesPerPixel > 0)
-        std::memset(out.pixels, 0, static_cast<std::size_t>(out.bytesPerPixel) * out.maxPixels);
-}
-
-// The transfer pixel by pixel through the buffer's own bounds-checked write:
-// for buffers whose size fields disagree with their capacity.
-template <class Buffer, class Pixel>
-void transferPixelByPixel(const Transfer<Buffer, Pixel>& t)
-{
-    clearPixels(*t.out);
-    for (std::int64_t r = 0; r < t.height; ++r) {
-        const std::int64_t ty = r + t.rowShift;
-        if (ty < 0 || ty >= std::int64_t{t.out->height}) continue;
-        for (std::int64_t c = 0; c < t.width; ++c) {
-            const std::int64_t tx = c + t.columnShift;
-            if (tx < 0 || tx >= std::int64_t{t.out->width}) continue;
-            const int x = static_cast<int>(c), y = static_cast<int>(r);
-            float v[kRoleCount];
-            for (int role = 0; role < kRoleCount; ++role) v[role] = t.source[role]->getValue(x, y);
-            if (t.gamma)
-                for (int role = kRed; role <= kBlue; ++role) v[role] = kt::exrGammaCorrected(v[role], t.gammaValue);
-            const int px = static_cast<int>(tx), py = static_cast<int>(ty);
-            t.out->write(px, py, PixelFrom<Pixel>::floats(v[kRed], v[kGreen], v[kBlue], v[kAlpha]));
-        }
-    }
-}
-
-template <class Buffer, class Pixel>
-void transferAll(Transfer<Buffer, Pixel>& t, int threads)
-{
-    Buffer& out = *t.out;
-    const std::int64_t bufferWidth = out.width, bufferHeight = out.height;
-    t.tyBegin = std::max<std::int64_t>(0, t.rowShift);
-    t.tyEnd = std::min(bufferHeight, t.rowShift + t.height);
-    t.txBegin = std::max<std::int64_t>(0, t.columnShift);
-    t.txEnd = std::min(bufferWidth, t.columnShift + t.width);
-    if (t.tyBegin >= t.tyEnd || t.txBegin >= t.txEnd) t.tyBegin = t.tyEnd = t.txBegin = t.txEnd = 0;
-
-    // Row by row only where every in-range pixel is one the buffer's write
-    // accepts; otherwise the buffer decides pixel by pixel.
-    const std::uint64_t imagePixels = static_cast<std::uint64_t>(bufferWidth * bufferHeight);
-    const bool rowWise =
-        out.pixels && out.bytesPerPixel == static_cast<signed char>(sizeof(Pixel)) && imagePixels <= out.maxPixels;
-    if (!rowWise || bufferHeight > INT32_MAX || bufferWidth > INT32_MAX) {
-        transferPixelByPixel(t);
-        return;
-    }
-    try {
-        t.buildTables();
-    } catch (...) {
-        t.colourTable.reset();
-        t.alphaTable.reset();
-        t.gammaTable.reset();
-    }
-    // The capacity beyond the image.
-    std::memset(out.pixels + imagePixels * sizeof(Pixel), 0,
-                static_cast<std::size_t>(out.maxPixels - imagePixels) * sizeof(Pixel));
-    const bool parallel = threads > 1 && bufferWidth * bufferHeight >= kParallelPixels;
-    runRows(t, bufferHeight, parallel ? threads : 1);
-}
-
 // ---- the decoding procedure shared by the three exports ------------------
 
 template <class Buffer, class Pixel>
@@ -493,6 +178,7 @@ int decode(imgCallRecord* call)
     if (!call || !call->fileBuffer || !call->imageInfo) return imgStatusLibraryFailure;
     Buffer& out = *static_cast<Buffer*>(call->imageInfo);
 
+    // 1. Check the file's claims against its size, then open it.
     kt::_imgGuardedFileBufferStream stream(call->fileBuffer);
     int threads = 0;
     bool dataFits = false;
@@ -515,7 +201,7 @@ int decode(imgCallRecord* call)
     // A file too short for its pixels is answered as if reading them had
     // failed, before OpenEXR's buffers or the planes are sized by its header.
     if (!dataFits) {
-        clearPixels(out);
+        kt::exrClearPixels(out);
         return imgStatusBrokenFile;
     }
 
@@ -526,10 +212,11 @@ int decode(imgCallRecord* call)
         ktP::_imgRGBABuffer_all* buffer = nullptr;
         ~ClearOnFailure()
         {
-            if (buffer) clearPixels(*buffer);
+            if (buffer) kt::exrClearPixels(*buffer);
         }
     } clearOnFailure;
 
+    // 2. The windows, the region mark, and a slot with a plane for each channel a role picks.
     std::unique_ptr<std::uint64_t[]> scratch;
     std::unique_ptr<_singleChannel[]> slots;
     Imf::FrameBuffer frame;
@@ -545,12 +232,12 @@ int decode(imgCallRecord* call)
         if (width <= 0 || height <= 0) throw std::bad_alloc();
 
         // Kept for the failure it can raise, never touched.
-        scratch.reset(newArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
+        scratch.reset(exrNewArray<std::uint64_t>(10 * static_cast<std::uint64_t>(width)));
 
         if (width != std::int64_t{out.width} || height != std::int64_t{out.height}) out.imageInfo.infoText += " region";
         clearOnFailure.buffer = &out;
 
-        slots.reset(newArray<_singleChannel>(kt::exrDecoderSlotCount));
+        slots.reset(exrNewArray<_singleChannel>(kt::exrDecoderSlotCount));
         int number[kRoleCount];
         chooseChannelNumbers(header->channels(), number);
         choice = fillSlots(header->channels(), number, window, slots.get(), frame);
@@ -567,29 +254,33 @@ int decode(imgCallRecord* call)
     } catch (...) {
         return imgStatusLibraryFailure;
     }
-    try {
-        file->readPixels(window.min.y, window.max.y);
-    } catch (...) {
-        return imgStatusBrokenFile;
+    // 3. The pixels into the planes: the quick reader first; whatever it
+    // declines, OpenEXR's C++ reader reads.
+    std::vector<kt::ExrPlaneTarget> targets;
+    for (int i = 0; i < choice.slotsUsed; ++i)
+        targets.push_back({slots[i].name.text, static_cast<char*>(slots[i].dataPointer)});
+    if (!kt::exrReadPlanesQuickly(*call->fileBuffer, *header, targets, threads)) {
+        try {
+            file->readPixels(window.min.y, window.max.y);
+        } catch (...) {
+            return imgStatusBrokenFile;
+        }
     }
     header.reset();
     file.reset();
 
-    Transfer<Buffer, Pixel> transfer;
-    transfer.out = &out;
-    for (int role = 0; role < kRoleCount; ++role) transfer.source[role] = &slots[choice.slotOfRole[role]];
-    transfer.width = width;
-    transfer.height = height;
-    transfer.columnShift = std::int64_t{window.min.x} - display.min.x;
-    transfer.rowShift = std::int64_t{window.min.y} - display.min.y;
-    transfer.gamma = (out.pixelFlags & 1) != 0;
-    transfer.gammaValue = gammaV;
-    transfer.allHalf = true;
-    for (const _singleChannel* s : transfer.source)
-        transfer.allHalf = transfer.allHalf && s->pixelType == Imf::HALF && s->halfPlane.values;
+    // 4. Placement, gamma and conversion into the host's buffer.
+    kt::ExrPlanesToPlace planes;
+    for (int role = 0; role < kRoleCount; ++role) planes.source[role] = &slots[choice.slotOfRole[role]];
+    planes.width = width;
+    planes.height = height;
+    planes.columnShift = std::int64_t{window.min.x} - display.min.x;
+    planes.rowShift = std::int64_t{window.min.y} - display.min.y;
+    planes.gamma = (out.pixelFlags & 1) != 0;
+    planes.gammaValue = gammaV;
 
     clearOnFailure.buffer = nullptr;
-    transferAll(transfer, threads);
+    kt::exrPlacePixels(out, planes, threads);
     return imgStatusOk;
 }
 
@@ -597,27 +288,15 @@ int decode(imgCallRecord* call)
 
 extern "C" int imgDecode8(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABuffer8, _Rgba8>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABuffer8, _Rgba8>, call);
 }
 
 extern "C" int imgDecode16(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABuffer16, _Rgba16>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABuffer16, _Rgba16>, call);
 }
 
 extern "C" int imgDecodef(imgCallRecord* call)
 {
-    try {
-        return decode<ktP::_imgRGBABufferf, _Rgbaf>(call);
-    } catch (...) {
-        return imgStatusLibraryFailure;
-    }
+    return kt::callGuarded(decode<ktP::_imgRGBABufferf, _Rgbaf>, call);
 }

@@ -19,6 +19,8 @@
 #include <memory>
 #include <string>
 
+#include "plugin/exrChunkReader.h"
+#include "plugin/exrChunkWriter.h"
 #include "plugin/exrMetadata.h"
 #include "plugin/fileBufferStream.h"
 #include "plugin/ktImageExr.h"
@@ -322,6 +324,44 @@ void paintOutside(ktP::_imgRGBABufferf& image, const CropBox& box)
     }
 }
 
+// The file through OpenEXR's output file: the reference way.
+template <class Depth>
+int writeWithOutputFile(GuardedStream& stream, const Imf::Header& header, const typename Depth::Buffer& image,
+                        const CropBox& box, int threads)
+{
+    std::unique_ptr<Imf::RgbaOutputFile> file;
+    try {
+        file = std::make_unique<Imf::RgbaOutputFile>(stream, header, Imf::WRITE_RGBA, threads);
+    } catch (...) {
+        return imgStatusCannotHandle;
+    }
+    try {
+        writeRows<Depth>(*file, image, box, std::max(1, std::min(rowsPerWrite(threads), box.maxY - box.minY + 1)));
+    } catch (...) {
+        // Abandon the file as it stands: no line-offset table follows.
+        stream.close();
+        file.reset();
+        return imgStatusLibraryFailure;
+    }
+    file.reset();  // writes the line-offset table
+    return imgStatusOk;
+}
+
+// The same file with the lines deflated by libdeflate on OpenEXR's pool.
+template <class Depth>
+int writeQuickly(GuardedStream& stream, const Imf::Header& header, const typename Depth::Buffer& image,
+                 const CropBox& box, int threads)
+{
+    switch (kt::exrWriteRgbaZipsLines(stream, header, threads,
+                                      [&](int y, Imf::Rgba* row) { convertRow<Depth>(image, y, box, row); })) {
+    case kt::ExrWriteOutcome::written: return imgStatusOk;
+    case kt::ExrWriteOutcome::headerRefused: return imgStatusCannotHandle;
+    case kt::ExrWriteOutcome::pixelsFailed: break;
+    }
+    stream.close();  // nothing more reaches the file buffer
+    return imgStatusLibraryFailure;
+}
+
 // The settings of a call that came without a job-settings record.
 const imgJobSettings& noSettings()
 {
@@ -355,7 +395,7 @@ bool consistent(const ktP::_imgRGBABuffer_all& image)
 }
 
 template <class Depth>
-int encode(imgCallRecord* call) noexcept
+int encode(imgCallRecord* call)
 {
     if (!call || !call->fileBuffer || !call->imageInfo) return imgStatusCannotHandle;
     auto& image = *static_cast<typename Depth::Buffer*>(call->imageInfo);
@@ -365,65 +405,55 @@ int encode(imgCallRecord* call) noexcept
     const int width = static_cast<int>(image.width);
     const int height = static_cast<int>(image.height);
 
-    try {
-        _imgFileBufferStreamOut bufferStream(call->fileBuffer);
-        GuardedStream stream(bufferStream);
+    // Exceptions from here on answer 6 (the exports' firewall).
+    // 1. The file buffer as the output stream.
+    _imgFileBufferStreamOut bufferStream(call->fileBuffer);
+    GuardedStream stream(bufferStream);
 
-        CropBox box{0, 0, width - 1, height - 1};
-        const bool noCrop = Depth::isFloat && settings.appName.startsWith("ktExrCropRegion_UNDO");
-        if (noCrop) {
-            if (reportsRegion(settings)) {
-                std::printf("    EXR NO CROP");
-                std::fflush(stdout);
-            }
-        } else {
-            if (!findOccupiedBox(image, box) && !Depth::isFloat) box = CropBox{0, 0, 5, 5};
-            addCropMargin(box, width, height);
-            if (reportsRegion(settings)) {
-                const std::uint64_t area = std::uint64_t(box.maxX - box.minX + 1) * std::uint64_t(box.maxY - box.minY + 1);
-                const float share = static_cast<float>(area) / static_cast<float>(image.pixelCount) * 100.0f;
-                std::printf("    EXR region:    min: %4d %4d    max: %4d %4d   %5.1f%%\n", box.minX, box.minY, box.maxX,
-                            box.maxY, static_cast<double>(share));
-                std::fflush(stdout);
-            } else if (Depth::isFloat) {
-                image.imageInfo.infoText += " region";
-            }
+    // 2. The crop box, and 3. the region report or mark.
+    CropBox box{0, 0, width - 1, height - 1};
+    const bool noCrop = Depth::isFloat && settings.appName.startsWith("ktExrCropRegion_UNDO");
+    if (noCrop) {
+        if (reportsRegion(settings)) {
+            std::printf("    EXR NO CROP");
+            std::fflush(stdout);
         }
-
-        Imf::Header header(width, height, Imath::Box2i(Imath::V2i(box.minX, box.minY), Imath::V2i(box.maxX, box.maxY)), 1.0f,
-                           Imath::V2f(0.0f, 0.0f), 1.0f, Imf::INCREASING_Y, Imf::ZIPS_COMPRESSION);
-        if (settings.appName.startsWith("ktClient"))
-            header.insert(Depth::clientAttribute, Imf::StringAttribute(clientNameOf(settings)));
-        headerInsertData(header, metadata, "-");
-
-        const int threads = Imf::globalThreadCount();
-        std::unique_ptr<Imf::RgbaOutputFile> file;
-        try {
-            file = std::make_unique<Imf::RgbaOutputFile>(stream, header, Imf::WRITE_RGBA, threads);
-        } catch (...) {
-            return imgStatusCannotHandle;
+    } else {
+        if (!findOccupiedBox(image, box) && !Depth::isFloat) box = CropBox{0, 0, 5, 5};
+        addCropMargin(box, width, height);
+        if (reportsRegion(settings)) {
+            const std::uint64_t area = std::uint64_t(box.maxX - box.minX + 1) * std::uint64_t(box.maxY - box.minY + 1);
+            const float share = static_cast<float>(area) / static_cast<float>(image.pixelCount) * 100.0f;
+            std::printf("    EXR region:    min: %4d %4d    max: %4d %4d   %5.1f%%\n", box.minX, box.minY, box.maxX,
+                        box.maxY, static_cast<double>(share));
+            std::fflush(stdout);
+        } else if (Depth::isFloat) {
+            image.imageInfo.infoText += " region";
         }
-        try {
-            writeRows<Depth>(*file, image, box, std::max(1, std::min(rowsPerWrite(threads), box.maxY - box.minY + 1)));
-        } catch (...) {
-            // Abandon the file as it stands: no line-offset table follows.
-            stream.close();
-            file.reset();
-            return imgStatusLibraryFailure;
-        }
-        file.reset();  // writes the line-offset table
-
-        if (stream.lostBytes()) {
-            image.imageInfo.infoText += " ERR: File buffer too small!";
-            return imgStatusCannotHandle;
-        }
-        if constexpr (Depth::isFloat) {
-            if (!noCrop) paintOutside(image, box);
-        }
-        return imgStatusOk;
-    } catch (...) {
-        return imgStatusLibraryFailure;
     }
+
+    // 4. The header, 5. the client attribute, 6. the render metadata.
+    Imf::Header header(width, height, Imath::Box2i(Imath::V2i(box.minX, box.minY), Imath::V2i(box.maxX, box.maxY)), 1.0f,
+                       Imath::V2f(0.0f, 0.0f), 1.0f, Imf::INCREASING_Y, Imf::ZIPS_COMPRESSION);
+    if (settings.appName.startsWith("ktClient"))
+        header.insert(Depth::clientAttribute, Imf::StringAttribute(clientNameOf(settings)));
+    headerInsertData(header, metadata, "-");
+
+    // 7.-10. The file: header, the region's lines, the offset table.
+    const int threads = Imf::globalThreadCount();
+    const int status = kt::exrReferencePathForced() ? writeWithOutputFile<Depth>(stream, header, image, box, threads)
+                                                    : writeQuickly<Depth>(stream, header, image, box, threads);
+    if (status != imgStatusOk) return status;
+
+    // The size check, then the float image's painting.
+    if (stream.lostBytes()) {
+        image.imageInfo.infoText += " ERR: File buffer too small!";
+        return imgStatusCannotHandle;
+    }
+    if constexpr (Depth::isFloat) {
+        if (!noCrop) paintOutside(image, box);
+    }
+    return imgStatusOk;
 }
 
 }  // namespace
@@ -463,6 +493,6 @@ int rowsPerWrite(int threadCount)
 
 }  // namespace kt::exr
 
-extern "C" int imgEncode8(imgCallRecord* call) { return kt::exr::encode<kt::exr::Depth8>(call); }
-extern "C" int imgEncode16(imgCallRecord* call) { return kt::exr::encode<kt::exr::Depth16>(call); }
-extern "C" int imgEncodef(imgCallRecord* call) { return kt::exr::encode<kt::exr::DepthF>(call); }
+extern "C" int imgEncode8(imgCallRecord* call) { return kt::callGuarded(kt::exr::encode<kt::exr::Depth8>, call); }
+extern "C" int imgEncode16(imgCallRecord* call) { return kt::callGuarded(kt::exr::encode<kt::exr::Depth16>, call); }
+extern "C" int imgEncodef(imgCallRecord* call) { return kt::callGuarded(kt::exr::encode<kt::exr::DepthF>, call); }

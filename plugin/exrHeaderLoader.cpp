@@ -140,26 +140,24 @@ int openingFailed(const ktP::_imgFileBuffer& file, imgImageInfo& info)
     return imgStatusBufferTooShort;
 }
 
-}  // namespace
-
-extern "C" int imgLoadHeader(imgCallRecord* call)
+int loadHeader(imgCallRecord* call)
 {
     if (!call || !call->fileBuffer || !call->imageInfo || !call->headerData) return imgStatusLibraryFailure;
     auto& info = *static_cast<imgImageInfo*>(call->imageInfo);
+    info.infoText = "Exr ";
+    // Declared first so that the input file, which reads through it, goes first.
+    _imgFileBufferStream stream(call->fileBuffer);
+    std::unique_ptr<Imf::RgbaInputFile> input;
     try {
-        info.infoText = "Exr ";
-        // Declared first so that the input file, which reads through it, goes first.
-        _imgFileBufferStream stream(call->fileBuffer);
-        std::unique_ptr<Imf::RgbaInputFile> input;
-        try {
-            kt::exrCheckBeforeOpening(*call->fileBuffer);
-            stream.seekg(0);
-            input = std::make_unique<Imf::RgbaInputFile>(stream, Imf::globalThreadCount());
-        } catch (...) {
-            return openingFailed(*call->fileBuffer, info);
-        }
-        return describe(*input, info, *call->headerData);
+        kt::exrCheckBeforeOpening(*call->fileBuffer);
+        stream.seekg(0);
+        input = std::make_unique<Imf::RgbaInputFile>(stream, Imf::globalThreadCount());
     } catch (...) {
-        return imgStatusLibraryFailure;
+        return openingFailed(*call->fileBuffer, info);
     }
+    return describe(*input, info, *call->headerData);
 }
+
+}  // namespace
+
+extern "C" int imgLoadHeader(imgCallRecord* call) { return kt::callGuarded(loadHeader, call); }

@@ -19,6 +19,7 @@
 
 #include <unistd.h>
 
+#include "plugin/exrLimits.h"
 #include "plugin/fileBufferStream.h"
 
 namespace {
@@ -28,8 +29,8 @@ constexpr u64 kSaturated = UINT64_MAX;
 
 // Sizes from a file are added and multiplied without wrapping: a result too
 // large for 64 bits stays at the largest value, which every check refuses.
-u64 times(u64 a, u64 b) { return a != 0 && b > kSaturated / a ? kSaturated : a * b; }
-u64 plus(u64 a, u64 b) { return a > kSaturated - b ? kSaturated : a + b; }
+u64 times(u64 a, u64 b) { return kt::exrSaturatingProduct(a, b); }
+u64 plus(u64 a, u64 b) { return kt::exrSaturatingSum(a, b); }
 
 const char* const kShortBuffer = "File size smaller than requested";
 
@@ -126,19 +127,7 @@ u64 checkAttributes(_imgFileBufferStream& stream, const LoadedBytes& bytes, u64 
 }
 
 // Scan lines per chunk of each compression; 1 for values OpenEXR will refuse anyway.
-u64 linesPerChunk(Imf::Compression compression)
-{
-    switch (compression) {
-    case Imf::ZIP_COMPRESSION:
-    case Imf::PXR24_COMPRESSION: return 16;
-    case Imf::PIZ_COMPRESSION:
-    case Imf::B44_COMPRESSION:
-    case Imf::B44A_COMPRESSION:
-    case Imf::DWAA_COMPRESSION: return 32;
-    case Imf::DWAB_COMPRESSION: return 256;
-    default: return 1;
-    }
-}
+u64 linesPerChunk(Imf::Compression compression) { return std::max<u64>(1, kt::exrLinesPerChunk(compression)); }
 
 // The most pixel bytes one stored byte of each compression can become,
 // rounded up: RLE writes a run of 128 bytes as 2; deflate reaches 1032 to 1

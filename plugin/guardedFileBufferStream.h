@@ -17,8 +17,7 @@
 #include <cstdint>
 #include <memory>
 
-#include <OpenEXR/ImfHeader.h>
-
+#include "plugin/exrLimits.h"
 #include "plugin/fileBufferStream.h"
 
 namespace kt {
@@ -60,11 +59,5 @@ private:
     };
     std::unique_ptr<char, FreeDeleter> tailCopy;
 };
-
-// An upper bound of the bytes one chunk of the header's image can hold when
-// uncompressed (a line buffer of a scan-line file, one tile of a tiled
-// file), counting every channel without subsampling; saturates instead of
-// wrapping.
-std::uint64_t exrChunkByteBound(const OPENEXR_IMF_NAMESPACE::Header& header);
 
 }  // namespace kt

@@ -40,3 +40,12 @@ extern "C" int imgInfo(imgPluginInfo* info)
 }
 
 int imgUnload() { return imgStatusOk; }
+
+int kt::callGuarded(int (*procedure)(imgCallRecord*), imgCallRecord* call) noexcept
+{
+    try {
+        return procedure(call);
+    } catch (...) {
+        return imgStatusLibraryFailure;
+    }
+}

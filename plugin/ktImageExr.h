@@ -43,3 +43,9 @@ int imgDecodef(imgCallRecord* call);
 
 // Called by the host before it releases the library; exported decorated.
 int imgUnload();
+
+namespace kt {
+// The one exception firewall of the exports: runs procedure(call) and
+// answers 6 for any exception that escapes it.
+int callGuarded(int (*procedure)(imgCallRecord*), imgCallRecord* call) noexcept;
+}  // namespace kt

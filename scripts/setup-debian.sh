@@ -4,8 +4,8 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev binutils dpkg-dev
-  libopenexr-dev zlib1g-dev libpng-dev
+  cmake ninja-build g++ clang libclang-rt-14-dev binutils dpkg-dev pkg-config
+  libopenexr-dev zlib1g-dev libdeflate-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   openexr openimageio-tools
