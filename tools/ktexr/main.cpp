@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "commands.h"
+#include "farmCommands.h"
 #include "fileIo.h"
 
 namespace {
@@ -89,6 +90,10 @@ int main(int argc, char** argv)
 
     app.add_subcommand("identity", "load the plug-in as the host does and print who it is");
 
+    FarmCommands farm(app);  // verify, stats, diff: OpenEXR directly, sequences, many frames
+    farm.addFrames(*infoCmd);
+    farm.addFrames(*cropCmd);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -96,19 +101,27 @@ int main(int argc, char** argv)
         return code == 0 ? exitOk : exitUsage;
     }
 
+    unsigned cores = std::thread::hardware_concurrency();
+    Imf::setGlobalThreadCount(threads >= 0 ? threads : static_cast<int>(cores > 1 ? cores : 0));
+    if (farm.chosen()) return farm.run();
+    StatusKeeper expanded;
+    if (*infoCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*infoCmd, info.files)));
+    if (*cropCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*cropCmd, crop.files)));
+    if (expanded.result() != exitOk && info.files.empty() && crop.files.empty()) return expanded.result();
+
     std::unique_ptr<PluginLibrary> plugin;
     try {
         plugin = std::make_unique<PluginLibrary>(pluginPath.empty() ? PluginLibrary::locate() : pluginPath);
     } catch (const Failure& failure) {
         return report(failure);
     }
-    unsigned cores = std::thread::hardware_concurrency();
-    Imf::setGlobalThreadCount(threads >= 0 ? threads : static_cast<int>(cores > 1 ? cores : 0));
 
-    if (*infoCmd) return runInfo(*plugin, info);
+    // Missing frames of a sequence are the first failure; the others still run.
+    auto afterMissing = [&](ExitStatus status) { return expanded.result() != exitOk ? expanded.result() : status; };
+    if (*infoCmd) return afterMissing(runInfo(*plugin, info));
     if (*decodeCmd) return runDecode(*plugin, decodeOpts);
     if (*encodeCmd) return runEncode(*plugin, encodeOpts);
-    if (*cropCmd) return runCrop(*plugin, crop);
+    if (*cropCmd) return afterMissing(runCrop(*plugin, crop));
     if (*assembleCmd) return runAssemble(*plugin, assemble);
     if (*demoCmd) return runDemo(*plugin, demo);
     return runIdentity(*plugin);

@@ -1,0 +1,99 @@
+// The command line of verify, stats and diff, and --frames for the other
+// commands that take files.
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+#include "farmCommands.h"
+#include "frameSequence.h"
+
+namespace ktexr {
+
+namespace {
+
+const char* kSequenceHelp =
+    "Files may be sequences: shot.####.exr (4 digits), shot.%04d.exr, shot.@.exr (no padding); with --frames\n"
+    "the frames of the range (1001-1100, 1001-1100x2, lists with commas), else the frames on disk.\n";
+
+void addBatchOptions(CLI::App& command, BatchOptions& options, const char* what)
+{
+    command.add_option("files", options.files, what)->required();
+    command.add_option("--frames", options.frames, "frame range of the sequences: 1001-1100, 1001-1100x2, 1001,1005");
+    command.add_option("--jobs", options.jobs, "frames read at the same time (default: one per core)")
+        ->check(CLI::Range(1u, 1024u));
+    command.add_flag("--json", options.json, "one JSON object per line (machine-clean; progress stays on stderr)");
+    command.add_flag("-q,--quiet", options.quiet, "no progress on standard error");
+}
+
+}  // namespace
+
+FarmCommands::FarmCommands(CLI::App& app)
+{
+    verify_ = app.add_subcommand("verify", "decode every chunk of every part of every frame; say which are whole");
+    addBatchOptions(*verify_, verifyOptions_, "EXR files and sequences");
+    verify_->add_option("--merge", verifyOptions_.merge,
+                        "merge these --json reports (of farm tasks) into one instead of reading frames");
+    // The files are not needed when merging.
+    verify_->get_option("files")->required(false);
+    verify_->footer(std::string(kSequenceHelp) +
+                    "Per frame: ok, missing, not EXR, truncated or damaged, per channel the NaN, Inf and negative\n"
+                    "counts, and whether the frame is entirely empty; then a summary.\n"
+                    "Exit status: 0 every frame ok, 3 a frame missing, 4 a file not EXR, 5 a frame truncated,\n"
+                    "10 a frame damaged (the worst of these decides), 2 bad arguments.");
+
+    stats_ = app.add_subcommand("stats", "per channel min, max, mean, NaN, Inf and negative counts of every part");
+    addBatchOptions(*stats_, statsOptions_, "EXR files and sequences");
+    stats_->footer(std::string(kSequenceHelp) +
+                   "32-bit integer channels are counted as floats. Exit status: 0, or that of the first frame\n"
+                   "that cannot be read (3 missing, 4 not EXR, 5 truncated or damaged).");
+
+    diff_ = app.add_subcommand("diff", "compare two EXR files (or sequences) part by part and channel by channel");
+    diff_->add_option("first", diffOptions_.first, "EXR file or sequence")->required();
+    diff_->add_option("second", diffOptions_.second, "EXR file or sequence")->required();
+    diff_->add_option("--frames", diffOptions_.frames, "frame range of the two sequences");
+    diff_->add_option("--fail", diffOptions_.fail, "a sample differing by more fails (default 1e-6)")
+        ->check(CLI::NonNegativeNumber);
+    diff_->add_option("--warn", diffOptions_.warn, "a sample differing by more warns (default 1e-6)")
+        ->check(CLI::NonNegativeNumber);
+    diff_->add_flag("--json", diffOptions_.json, "one JSON object per pair of files");
+    diff_->add_flag("-q,--quiet", diffOptions_.quiet, "print only pairs that differ");
+    diff_->footer(std::string(kSequenceHelp) +
+                  "Samples outside a data window count as zero; NaN equals only NaN. Exit status: 0 within\n"
+                  "--warn, 1 above --warn only, 11 above --fail or not the same parts and channels,\n"
+                  "3 a file missing, 5 a file that cannot be read whole, 2 bad arguments.");
+}
+
+bool FarmCommands::chosen() const { return verify_->parsed() || stats_->parsed() || diff_->parsed(); }
+
+int FarmCommands::run() const
+{
+    if (verify_->parsed()) {
+        if (verifyOptions_.files.empty() == verifyOptions_.merge.empty())
+            return report(Failure(exitUsage, "", "verify needs files to read, or --merge with reports, not both"));
+        return runVerify(verifyOptions_);
+    }
+    if (stats_->parsed()) return runStats(statsOptions_);
+    return runDiff(diffOptions_);
+}
+
+void FarmCommands::addFrames(CLI::App& command)
+{
+    frames_.emplace_back(&command, std::make_unique<std::string>());
+    command.add_option("--frames", *frames_.back().second,
+                       "frame range of the sequences among the files (shot.####.exr, shot.%04d.exr, shot.@.exr)");
+}
+
+int FarmCommands::expand(CLI::App& command, std::vector<std::string>& files) const
+{
+    const auto entry = std::find_if(frames_.begin(), frames_.end(), [&](const auto& e) { return e.first == &command; });
+    const std::string frames = entry == frames_.end() ? std::string() : *entry->second;
+    try {
+        bool missing = false;
+        files = existingFrames(expandSequences(files, frames), missing);
+        return missing ? exitUnreadable : exitOk;
+    } catch (const Failure& failure) {
+        return report(failure);
+    }
+}
+
+}  // namespace ktexr
