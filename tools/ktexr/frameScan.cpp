@@ -122,7 +122,6 @@ bool hasExrMagic(const std::string& path, unsigned long long& fileSize, std::str
 struct ProbeState {
     int fd = -1;
     std::uint64_t size = 0;
-    bool pastEnd = false;
     std::string firstError;
 };
 
@@ -130,7 +129,6 @@ std::int64_t probeRead(exr_const_context_t, void* userData, void* buffer, std::u
                        exr_stream_error_func_ptr_t)
 {
     auto* state = static_cast<ProbeState*>(userData);
-    if (offset >= state->size || count > state->size - offset) state->pastEnd = true;
     if (offset >= state->size) return 0;
     const ssize_t got = ::pread(state->fd, buffer, std::min<std::uint64_t>(count, state->size - offset),
                                 static_cast<off_t>(offset));
@@ -162,10 +160,11 @@ bool chunkPastEnd(exr_result_t result, const exr_chunk_info_t& chunk, const Prob
     return chunk.data_offset > state.size || chunk.packed_size > state.size - chunk.data_offset;
 }
 
-// Whether the offset tables that follow the header(s) list a chunk that is
+// Whether the header(s) or the offset tables that follow list a chunk that is
 // not in the file (an offset of zero, never filled in, or one at or past
 // the end): what a frame cut off while written looks like.
-bool offsetTablePastEnd(const ProbeState& state, const std::vector<std::int32_t>& chunkCounts)
+bool offsetTablePastEnd(const ProbeState& state, const std::vector<std::int32_t>& chunkCounts,
+                        const std::vector<exr_storage_t>& storage)
 {
     std::vector<unsigned char> bytes(static_cast<std::size_t>(std::min<std::uint64_t>(state.size, 64u << 20)));
     if (bytes.size() < 8 || ::pread(state.fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
@@ -199,14 +198,30 @@ bool offsetTablePastEnd(const ProbeState& state, const std::vector<std::int32_t>
             break;
         }
     }
-    for (std::int32_t count : chunkCounts)
-        for (std::int32_t i = 0; i < count; ++i, at += 8) {
+    std::uint64_t last = 0;
+    std::size_t lastPart = 0;
+    for (std::size_t part = 0; part < chunkCounts.size(); ++part)
+        for (std::int32_t i = 0; i < chunkCounts[part]; ++i, at += 8) {
             if (at + 8 > bytes.size()) return true;
             std::uint64_t offset = 0;
             for (int b = 7; b >= 0; --b) offset = offset << 8 | bytes[at + static_cast<std::size_t>(b)];
             if (offset == 0 || offset >= state.size) return true;
+            if (offset > last) {
+                last = offset;
+                lastPart = part;
+            }
         }
-    return false;
+    if (chunkCounts.empty()) return false;
+    // The chunk that starts last must end within the file: its leader is
+    // the part number (multi-part files), the coordinates (a scan line, or
+    // four tile numbers) and the size of the data that follows.
+    if (storage[lastPart] != EXR_STORAGE_SCANLINE && storage[lastPart] != EXR_STORAGE_TILED) return false;
+    const std::uint64_t sizeAt = last + (multiPart ? 4 : 0) + (storage[lastPart] == EXR_STORAGE_TILED ? 16 : 4);
+    unsigned char size[4] = {};
+    if (sizeAt + 4 > state.size || ::pread(state.fd, size, 4, static_cast<off_t>(sizeAt)) != 4) return true;
+    const std::uint64_t dataSize =
+        size[0] | size[1] << 8 | size[2] << 16 | static_cast<std::uint64_t>(size[3]) << 24;
+    return sizeAt + 4 + dataSize > state.size;
 }
 
 FrameState probeDamage(const std::string& path, std::uint64_t size, std::string& message)
@@ -225,12 +240,20 @@ FrameState probeDamage(const std::string& path, std::uint64_t size, std::string&
     init.error_handler_fn = probeError;
     exr_context_t context = nullptr;
     bool chunkBeyondEnd = false;
-    if (exr_start_read(&context, path.c_str(), &init) == EXR_ERR_SUCCESS) {
+    // A header that cannot be read counts as cut off when it runs into the
+    // end of the file.
+    if (exr_start_read(&context, path.c_str(), &init) != EXR_ERR_SUCCESS) {
+        chunkBeyondEnd = offsetTablePastEnd(state, {}, {});
+    } else {
         int parts = 0;
         exr_get_count(context, &parts);
         std::vector<std::int32_t> chunkCounts(static_cast<std::size_t>(std::max(parts, 0)), 0);
-        for (int part = 0; part < parts; ++part) exr_get_chunk_count(context, part, &chunkCounts[static_cast<std::size_t>(part)]);
-        chunkBeyondEnd = offsetTablePastEnd(state, chunkCounts);
+        std::vector<exr_storage_t> storage(chunkCounts.size(), EXR_STORAGE_LAST_TYPE);
+        for (std::size_t part = 0; part < chunkCounts.size(); ++part) {
+            exr_get_chunk_count(context, static_cast<int>(part), &chunkCounts[part]);
+            exr_get_storage(context, static_cast<int>(part), &storage[part]);
+        }
+        chunkBeyondEnd = offsetTablePastEnd(state, chunkCounts, storage);
         for (int part = 0; part < parts && !chunkBeyondEnd; ++part) {
             exr_storage_t storage = EXR_STORAGE_LAST_TYPE;
             exr_get_storage(context, part, &storage);
@@ -265,7 +288,7 @@ FrameState probeDamage(const std::string& path, std::uint64_t size, std::string&
     }
     exr_finish(&context);
     ::close(state.fd);
-    const bool cut = state.pastEnd || chunkBeyondEnd;
+    const bool cut = chunkBeyondEnd;
     message = cut ? "the file ends before all the chunks it lists (cut off, or not written to the end)"
           : state.firstError.empty() ? "OpenEXR's file check finds damaged data"
                                      : state.firstError;

@@ -1,0 +1,308 @@
+// Frame sequences, and ktexr verify, stats and diff run as a farm runs them,
+// on sequences the test builder writes; what they report is checked against
+// what OpenEXR itself reads from the same files.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include <nlohmann/json.hpp>
+
+#include "exitStatus.h"
+#include "exrBuilder.h"
+#include "frameSequence.h"
+
+namespace {
+
+using namespace kt::test;
+using Json = nlohmann::json;
+using Args = std::vector<std::string>;
+
+struct ProgramRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+ProgramRun ktexr(Args args)
+{
+    args.insert(args.begin(), KTEXR_PATH);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(fileno(out), 1);
+        dup2(fileno(err), 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ProgramRun result;
+    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+    for (auto [file, text] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
+        std::rewind(file);
+        for (int c; (c = std::fgetc(file)) != EOF;) text->push_back(static_cast<char>(c));
+        std::fclose(file);
+    }
+    return result;
+}
+
+std::vector<Json> jsonLines(const std::string& text)
+{
+    std::vector<Json> lines;
+    std::size_t at = 0;
+    for (std::size_t end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+        lines.push_back(Json::parse(text.substr(at, end - at)));
+    return lines;
+}
+
+// ---- sequences -------------------------------------------------------------
+
+TEST(FrameSequence, PatternsSpellAndRecogniseFrames)
+{
+    struct Case {
+        const char* pattern;
+        long long frame;
+        const char* path;
+        const char* notAFrame;  // a name of the same shape that is not this pattern's spelling
+    } cases[] = {
+        {"shot.####.exr", 42, "shot.0042.exr", "shot.042.exr"},
+        {"r/shot.%04d.exr", 1001, "r/shot.1001.exr", "r/shot.01001.exr"},
+        {"shot.@.exr", 7, "shot.7.exr", "shot.07.exr"},
+        {"shot.%d.exr", -3, "shot.-3.exr", "shot.x3.exr"},
+        {"a#b/shot_@@@.exr", 12345, "a#b/shot_12345.exr", "a#b/shot_.exr"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.pattern);
+        const auto pattern = ktexr::SequencePattern::find(c.pattern);
+        ASSERT_TRUE(pattern.has_value());
+        EXPECT_EQ(pattern->path(c.frame), c.path);
+        EXPECT_EQ(pattern->frameOf(c.path), c.frame);
+        EXPECT_FALSE(pattern->frameOf(c.notAFrame).has_value());
+    }
+    EXPECT_FALSE(ktexr::SequencePattern::find("dir#1/plain.exr").has_value());
+    EXPECT_THROW(ktexr::SequencePattern::find("shot.##.%04d.exr"), ktexr::Failure);
+}
+
+TEST(FrameSequence, RangesExpandInOrderOnce)
+{
+    using Frames = std::vector<long long>;
+    const std::pair<const char*, Frames> good[] = {
+        {"1001-1005", {1001, 1002, 1003, 1004, 1005}},
+        {"1001-1006x2", {1001, 1003, 1005}},
+        {"7", {7}},
+        {"-2-1", {-2, -1, 0, 1}},
+        {"10-12,1,11", {10, 11, 12, 1}},
+    };
+    for (const auto& [text, frames] : good) EXPECT_EQ(ktexr::parseFrameRange(text), frames) << text;
+    for (const char* bad : {"", "1001-", "1005-1001", "1-9x0", "1-9x-2", "a-b", "1,,2", "1-2 ", "+3"})
+        EXPECT_THROW(ktexr::parseFrameRange(bad), ktexr::Failure) << bad;
+    EXPECT_EQ(ktexr::frameListText({3, 4, 5, 7, 9, 10}), "3-5, 7, 9-10");
+}
+
+// ---- verify, stats, diff on a sequence ---------------------------------------
+
+// Frame values: exact in half, negative in places, NaN and Inf where asked.
+double frameValue(const std::string& channel, int x, int y)
+{
+    return ((x * 5 + y * 3 + channel[0]) % 23 - 4) / 8.0;
+}
+
+class FarmCommands : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    std::string at(const std::string& name) const { return dir + "/" + name; }
+    std::string write(const std::string& name, const Bytes& bytes)
+    {
+        std::ofstream(at(name), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return at(name);
+    }
+
+    // A two-part frame (beauty with a NaN and an Inf, and a float AOV part)
+    // as the renderer writes it for frame `frame`.
+    static std::vector<ExrPart> frameParts(int frame)
+    {
+        ExrPart beauty;
+        beauty.name = "beauty";
+        beauty.displayWindow = box(0, 0, 39, 29);
+        beauty.value = [frame](const std::string& c, int x, int y) {
+            if (c == "R" && x == 3 && y == frame % 7) return std::numeric_limits<double>::quiet_NaN();
+            if (c == "G" && x == 5 && y == 2) return std::numeric_limits<double>::infinity();
+            return frameValue(c, x + frame, y);
+        };
+        ExrPart aov;
+        aov.name = "aov";
+        aov.displayWindow = beauty.displayWindow;
+        aov.dataWindow = box(4, 3, 30, 20);
+        aov.channels = channelList({"N.x", "N.y", "Z"}, Imf::FLOAT);
+        aov.tiled = frame % 2 == 0;
+        aov.compression = Imf::PIZ_COMPRESSION;
+        aov.value = [frame](const std::string& c, int x, int y) { return frameValue(c, x, y + frame) * 3.0; };
+        return {beauty, aov};
+    }
+
+    std::string dir = (std::filesystem::temp_directory_path() / "ktexr-farm-XXXXXX").string();
+};
+
+// Per channel, the counts OpenEXR's own reading of the file gives.
+Json expectedCounts(const Bytes& file, int parts)
+{
+    Json counts = Json::array();
+    for (int p = 0; p < parts; ++p) {
+        const DecodedExr decoded = readExr(file, p);
+        for (const DecodedChannel& c : decoded.channels) {
+            long long nan = 0, inf = 0, negative = 0;
+            for (double v : c.values) {
+                nan += std::isnan(v);
+                inf += std::isinf(v);
+                negative += v < 0;
+            }
+            counts.push_back({c.name, nan, inf, negative});
+        }
+    }
+    return counts;
+}
+
+TEST_F(FarmCommands, VerifyNamesEveryFrameStateAndCountsLikeOpenExr)
+{
+    std::map<int, Bytes> whole;
+    for (int frame : {1001, 1002, 1004, 1005, 1006, 1007}) whole[frame] = makeMultiPartExr(frameParts(frame));
+    for (int frame : {1001, 1002, 1004}) write("shot." + std::to_string(frame) + ".exr", whole[frame]);
+    write("shot.1005.exr", truncated(whole[1005], whole[1005].size() - 40));
+    // Compressed data flipped in the middle of a chunk: zip's checksum fails.
+    whole[1006] = makeExr(frameParts(1006)[0]);
+    Bytes damaged = whole[1006];
+    const std::size_t chunk = chunkOffsets(damaged).at(1);
+    for (std::size_t i = chunk + 12; i < chunk + 30; ++i) damaged[i] = static_cast<char>(~damaged[i]);
+    write("shot.1006.exr", damaged);
+    write("shot.1007.exr", Bytes{'n', 'o', 't', ' ', 'e', 'x', 'r'});
+    const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR"};
+
+    const ProgramRun serial = ktexr({"verify", at("shot.####.exr"), "--frames", "1001-1007", "--json", "--jobs", "1"});
+    const ProgramRun parallel = ktexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1007", "--json", "--jobs", "3"});
+    EXPECT_EQ(serial.status, 10) << serial.err;
+    EXPECT_EQ(parallel.out, serial.out);
+    const std::vector<Json> lines = jsonLines(serial.out);
+    ASSERT_EQ(lines.size(), 8u) << serial.out;
+    for (int i = 0; i < 7; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(lines[i]["frame"], 1001 + i);
+        EXPECT_EQ(lines[i]["status"], expected[i]);
+        if (expected[i] != "ok") continue;
+        EXPECT_EQ(lines[i]["empty"], false);
+        Json counts = Json::array();
+        for (const Json& p : lines[i]["parts"])
+            for (const Json& c : p["channels"]) counts.push_back({c["name"], c["nan"], c["inf"], c["negative"]});
+        EXPECT_EQ(counts, expectedCounts(whole[1001 + i], static_cast<int>(lines[i]["parts"].size())));
+    }
+    EXPECT_EQ(lines[7]["missingFrames"], Json::array({1003}));
+    EXPECT_EQ(lines[7]["ok"], 3);
+    EXPECT_EQ(lines[7]["nanOrInf"], 3);
+
+    // A farm splits the range over tasks; merging their reports gives the
+    // report of one run over the whole range.
+    const ProgramRun first = ktexr({"verify", at("shot.####.exr"), "--frames", "1001-1003", "--json", "-q"});
+    const ProgramRun second = ktexr({"verify", at("shot.####.exr"), "--frames", "1004-1007", "--json", "-q"});
+    write("b.jsonl", Bytes(second.out.begin(), second.out.end()));
+    write("a.jsonl", Bytes(first.out.begin(), first.out.end()));
+    const ProgramRun merged = ktexr({"verify", "--merge", at("b.jsonl"), at("a.jsonl"), "--json"});
+    EXPECT_EQ(merged.status, serial.status);
+    EXPECT_EQ(merged.out, serial.out);
+}
+
+TEST_F(FarmCommands, EmptyFramesAreNamed)
+{
+    ExrPart blank;
+    blank.value = constantValue(0.0);
+    write("blank.exr", makeExr(blank));
+    const ProgramRun run = ktexr({"verify", at("blank.exr"), "--json"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(jsonLines(run.out).at(0)["empty"], true);
+    EXPECT_EQ(jsonLines(run.out).at(1)["empty"], 1);
+}
+
+TEST_F(FarmCommands, StatsAgreeWithOpenExrOnEveryPartAndChannel)
+{
+    const Bytes file = makeMultiPartExr(frameParts(1002));  // the AOV part tiled
+    write("frame.exr", file);
+    const ProgramRun run = ktexr({"stats", at("frame.exr"), "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const Json frame = jsonLines(run.out).at(0);
+    for (int p = 0; p < 2; ++p) {
+        const DecodedExr decoded = readExr(file, p);
+        const Json& channels = frame["parts"][p]["channels"];
+        ASSERT_EQ(channels.size(), decoded.channels.size());
+        for (std::size_t c = 0; c < channels.size(); ++c) {
+            SCOPED_TRACE(decoded.channels[c].name);
+            double lo = HUGE_VAL, hi = -HUGE_VAL, sum = 0;
+            long long finite = 0;
+            for (double v : decoded.channels[c].values)
+                if (std::isfinite(v)) {
+                    lo = std::min(lo, v);
+                    hi = std::max(hi, v);
+                    sum += v;
+                    ++finite;
+                }
+            EXPECT_EQ(channels[c]["min"].get<double>(), lo);
+            EXPECT_EQ(channels[c]["max"].get<double>(), hi);
+            EXPECT_NEAR(channels[c]["mean"].get<double>(), sum / static_cast<double>(finite), 1e-12);
+            EXPECT_EQ(channels[c]["samples"], decoded.channels[c].values.size());
+        }
+    }
+}
+
+TEST_F(FarmCommands, DiffFindsTheWorstPixelAndExitsByThreshold)
+{
+    auto withChange = [](double delta) {
+        std::vector<ExrPart> parts = frameParts(1001);
+        parts[1].value = [delta](const std::string& c, int x, int y) {
+            return frameValue(c, x, y + 1001) * 3.0 + (c == "Z" && x == 9 && y == 14 ? delta : 0.0);
+        };
+        return makeMultiPartExr(parts);
+    };
+    const std::string a = write("a.exr", withChange(0.0));
+    struct Case {
+        double delta;
+        Args thresholds;
+        int status;
+        const char* result;
+    } cases[] = {
+        {0.0, {}, 0, "PASS"},
+        {0.25, {"--warn", "0.1", "--fail", "0.5"}, 1, "WARNING"},
+        {0.75, {"--warn", "0.1", "--fail", "0.5"}, 11, "FAILURE"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.delta);
+        Args args{"diff", a, write("b.exr", withChange(c.delta)), "--json"};
+        args.insert(args.end(), c.thresholds.begin(), c.thresholds.end());
+        const ProgramRun run = ktexr(args);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        const Json result = jsonLines(run.out).at(0);
+        EXPECT_EQ(result["result"], c.result);
+        EXPECT_DOUBLE_EQ(result["maxError"].get<double>(), c.delta);
+        if (c.delta == 0.0) continue;
+        EXPECT_EQ(result["worst"]["part"], "aov");
+        EXPECT_EQ(result["worst"]["channel"], "Z");
+        EXPECT_EQ(result["worst"]["x"], 9);
+        EXPECT_EQ(result["worst"]["y"], 14);
+    }
+    // A frame with a channel the other lacks differs in structure.
+    std::vector<ExrPart> fewer = frameParts(1001);
+    fewer[1].channels = channelList({"N.x", "N.y"}, Imf::FLOAT);
+    const ProgramRun run = ktexr({"diff", a, write("c.exr", makeMultiPartExr(fewer))});
+    EXPECT_EQ(run.status, 11);
+    EXPECT_NE(run.out.find("channel Z is only in the first file"), std::string::npos) << run.out;
+}
+
+}  // namespace
