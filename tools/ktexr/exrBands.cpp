@@ -127,6 +127,36 @@ float ChannelBand::at(std::size_t c, int x, int y) const
     }
 }
 
+Imath::Box2i ChannelBand::nonZeroBox(int y0, int y1) const
+{
+    Imath::Box2i box;
+    for (const Samples& s : channels_) {
+        const int firstRow = ceilDiv(y0, s.ySampling);
+        const int rows = std::max(0, floorDiv(y1, s.ySampling) - firstRow + 1);
+        const std::size_t bytes = bytesOf(s.type);
+        // Zero and minus zero differ only in the sign bit, the top bit of
+        // the last byte (the samples are little-endian in memory on every
+        // machine ktexr runs on, as OpenEXR's own frame buffers are).
+        const std::uint32_t mask = s.type == Imf::HALF ? 0x7fffu : s.type == Imf::FLOAT ? 0x7fffffffu : 0xffffffffu;
+        for (int r = 0; r < rows; ++r) {
+            const unsigned char* row = s.data.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(s.columns) * bytes;
+            int first = -1, last = -1;
+            for (int col = 0; col < s.columns; ++col) {
+                std::uint32_t bits = 0;
+                std::memcpy(&bits, row + static_cast<std::size_t>(col) * bytes, bytes);
+                if ((bits & mask) == 0) continue;
+                if (first < 0) first = col;
+                last = col;
+            }
+            if (first < 0) continue;
+            const int y = (firstRow + r) * s.ySampling;
+            box.extendBy(Imath::V2i((s.firstColumn + first) * s.xSampling, y));
+            box.extendBy(Imath::V2i((s.firstColumn + last) * s.xSampling + s.xSampling - 1, y + s.ySampling - 1));
+        }
+    }
+    return box;
+}
+
 void ChannelBand::count(std::vector<ChannelStats>& stats, int y0, int y1) const
 {
     for (std::size_t c = 0; c < channels_.size() && c < stats.size(); ++c) {

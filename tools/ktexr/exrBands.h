@@ -51,6 +51,9 @@ public:
 
     // Adds the samples of lines y0..y1 to `stats` (in channel order).
     void count(std::vector<ChannelStats>& stats, int y0, int y1) const;
+    // The pixels of lines y0..y1 where any channel holds a sample that is
+    // not zero (NaN included, -0 not); an empty box when there is none.
+    Imath::Box2i nonZeroBox(int y0, int y1) const;
     // The sample of channel `c` at pixel (x, y) of the band read last, which
     // must lie on the channel's sampling grid.
     float at(std::size_t c, int x, int y) const;

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 
+#include "commands.h"
 #include "farmCommands.h"
 #include "frameSequence.h"
+#include "losslessCommands.h"
 
 namespace ktexr {
 
@@ -94,6 +96,57 @@ int FarmCommands::expand(CLI::App& command, std::vector<std::string>& files) con
     } catch (const Failure& failure) {
         return report(failure);
     }
+}
+
+void FarmCommands::addLossless(CLI::App& crop, CLI::App& assemble)
+{
+    crop_ = &crop;
+    crop.add_flag("--host", hostCrop_,
+                  "run the host's crop-region job through the plug-in (half RGBA of the first part, as the host "
+                  "writes it) instead of the lossless crop with OpenEXR");
+    crop.add_option("--pad", pad_, "keep this many pixels around the occupied region (lossless route)")
+        ->check(CLI::Range(0, 1 << 20));
+    crop.add_flag("--same-window", sameWindow_, "give every part the same data window (lossless route)");
+    crop.add_option("--jobs", cropJobs_, "files cropped at the same time (default: one per core)")
+        ->check(CLI::Range(1u, 1024u));
+    crop.add_flag("-q,--quiet", quiet_, "no progress and no line per file");
+    assemble.add_flag("--host", hostAssemble_,
+                      "run the host's tile-assembly job through the plug-in (half RGBA, first part) instead of the "
+                      "lossless assembly with OpenEXR");
+    crop.footer("Without --host every part, channel, pixel type and attribute is kept, with the compression and\n"
+                "tiling of the input; each part's data window is cut to its pixels that are not zero in any channel.\n"
+                "Deep and mip-mapped parts are refused.");
+    assemble.footer("Without --host the tiles are placed by their data windows, part by part and channel by\n"
+                    "channel, keeping every pixel type and attribute of the first tile; deep parts are refused.");
+}
+
+bool FarmCommands::lossless(const CLI::App& command) const
+{
+    return &command == crop_ ? !hostCrop_ : !hostAssemble_;
+}
+
+int FarmCommands::runCrop(const CropOptions& options) const
+{
+    LosslessCropOptions lossless;
+    lossless.files = options.files;
+    lossless.output = options.output;
+    lossless.inPlace = options.inPlace;
+    lossless.undo = options.undo;
+    lossless.pad = pad_;
+    lossless.sameWindow = sameWindow_;
+    lossless.jobs = cropJobs_;
+    lossless.quiet = quiet_;
+    return runLosslessCrop(lossless);
+}
+
+int FarmCommands::runAssemble(const AssembleOptions& options) const
+{
+    LosslessAssembleOptions lossless;
+    lossless.output = options.output;
+    lossless.tiles = options.tiles;
+    lossless.checkOnly = options.checkOnly;
+    lossless.allowGaps = options.allowGaps;
+    return runLosslessAssemble(lossless);
 }
 
 }  // namespace ktexr

@@ -15,6 +15,9 @@ class App;
 
 namespace ktexr {
 
+struct CropOptions;
+struct AssembleOptions;
+
 // Exit statuses of verify beyond the shared ones, worst first:
 // a damaged frame (10), a truncated one (exitIncomplete), one that is not
 // EXR (exitNotExr), a missing one (exitUnreadable).
@@ -64,7 +67,22 @@ public:
     void addFrames(CLI::App& command);
     int expand(CLI::App& command, std::vector<std::string>& files) const;
 
+    // crop and assemble: the lossless route through OpenEXR by default,
+    // --host for the plug-in's own job. addLossless() adds their options;
+    // lossless() says whether the command runs the lossless route.
+    void addLossless(CLI::App& crop, CLI::App& assemble);
+    bool lossless(const CLI::App& command) const;
+    int runCrop(const CropOptions& options) const;
+    int runAssemble(const AssembleOptions& options) const;
+
 private:
+    bool hostCrop_ = false;
+    bool hostAssemble_ = false;
+    int pad_ = 0;
+    bool sameWindow_ = false;
+    unsigned cropJobs_ = 0;
+    bool quiet_ = false;
+    CLI::App* crop_ = nullptr;
     CLI::App* verify_ = nullptr;
     CLI::App* stats_ = nullptr;
     CLI::App* diff_ = nullptr;

@@ -93,6 +93,7 @@ int main(int argc, char** argv)
     FarmCommands farm(app);  // verify, stats, diff: OpenEXR directly, sequences, many frames
     farm.addFrames(*infoCmd);
     farm.addFrames(*cropCmd);
+    farm.addLossless(*cropCmd, *assembleCmd);
 
     try {
         app.parse(argc, argv);
@@ -108,6 +109,9 @@ int main(int argc, char** argv)
     if (*infoCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*infoCmd, info.files)));
     if (*cropCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*cropCmd, crop.files)));
     if (expanded.result() != exitOk && info.files.empty() && crop.files.empty()) return expanded.result();
+    if (*cropCmd && farm.lossless(*cropCmd))
+        return expanded.result() != exitOk ? (farm.runCrop(crop), expanded.result()) : farm.runCrop(crop);
+    if (*assembleCmd && farm.lossless(*assembleCmd)) return farm.runAssemble(assemble);
 
     std::unique_ptr<PluginLibrary> plugin;
     try {
