@@ -10,7 +10,10 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <map>
 
+#include <OpenEXR/ImfCheckFile.h>
+#include <OpenEXR/ImfChromaticitiesAttribute.h>
 #include <nlohmann/json.hpp>
 
 #include "exitStatus.h"
@@ -29,7 +32,7 @@ struct ProgramRun {
     std::string err;
 };
 
-ProgramRun ktexr(Args args)
+ProgramRun runKtexr(Args args)
 {
     args.insert(args.begin(), KTEXR_PATH);
     std::vector<char*> argv;
@@ -189,8 +192,8 @@ TEST_F(FarmCommands, VerifyNamesEveryFrameStateAndCountsLikeOpenExr)
     write("shot.1007.exr", Bytes{'n', 'o', 't', ' ', 'e', 'x', 'r'});
     const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR"};
 
-    const ProgramRun serial = ktexr({"verify", at("shot.####.exr"), "--frames", "1001-1007", "--json", "--jobs", "1"});
-    const ProgramRun parallel = ktexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1007", "--json", "--jobs", "3"});
+    const ProgramRun serial = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1007", "--json", "--jobs", "1"});
+    const ProgramRun parallel = runKtexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1007", "--json", "--jobs", "3"});
     EXPECT_EQ(serial.status, 10) << serial.err;
     EXPECT_EQ(parallel.out, serial.out);
     const std::vector<Json> lines = jsonLines(serial.out);
@@ -212,11 +215,11 @@ TEST_F(FarmCommands, VerifyNamesEveryFrameStateAndCountsLikeOpenExr)
 
     // A farm splits the range over tasks; merging their reports gives the
     // report of one run over the whole range.
-    const ProgramRun first = ktexr({"verify", at("shot.####.exr"), "--frames", "1001-1003", "--json", "-q"});
-    const ProgramRun second = ktexr({"verify", at("shot.####.exr"), "--frames", "1004-1007", "--json", "-q"});
+    const ProgramRun first = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1003", "--json", "-q"});
+    const ProgramRun second = runKtexr({"verify", at("shot.####.exr"), "--frames", "1004-1007", "--json", "-q"});
     write("b.jsonl", Bytes(second.out.begin(), second.out.end()));
     write("a.jsonl", Bytes(first.out.begin(), first.out.end()));
-    const ProgramRun merged = ktexr({"verify", "--merge", at("b.jsonl"), at("a.jsonl"), "--json"});
+    const ProgramRun merged = runKtexr({"verify", "--merge", at("b.jsonl"), at("a.jsonl"), "--json"});
     EXPECT_EQ(merged.status, serial.status);
     EXPECT_EQ(merged.out, serial.out);
 }
@@ -226,7 +229,7 @@ TEST_F(FarmCommands, EmptyFramesAreNamed)
     ExrPart blank;
     blank.value = constantValue(0.0);
     write("blank.exr", makeExr(blank));
-    const ProgramRun run = ktexr({"verify", at("blank.exr"), "--json"});
+    const ProgramRun run = runKtexr({"verify", at("blank.exr"), "--json"});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(jsonLines(run.out).at(0)["empty"], true);
     EXPECT_EQ(jsonLines(run.out).at(1)["empty"], 1);
@@ -236,7 +239,7 @@ TEST_F(FarmCommands, StatsAgreeWithOpenExrOnEveryPartAndChannel)
 {
     const Bytes file = makeMultiPartExr(frameParts(1002));  // the AOV part tiled
     write("frame.exr", file);
-    const ProgramRun run = ktexr({"stats", at("frame.exr"), "--json"});
+    const ProgramRun run = runKtexr({"stats", at("frame.exr"), "--json"});
     ASSERT_EQ(run.status, 0) << run.err;
     const Json frame = jsonLines(run.out).at(0);
     for (int p = 0; p < 2; ++p) {
@@ -286,7 +289,7 @@ TEST_F(FarmCommands, DiffFindsTheWorstPixelAndExitsByThreshold)
         SCOPED_TRACE(c.delta);
         Args args{"diff", a, write("b.exr", withChange(c.delta)), "--json"};
         args.insert(args.end(), c.thresholds.begin(), c.thresholds.end());
-        const ProgramRun run = ktexr(args);
+        const ProgramRun run = runKtexr(args);
         EXPECT_EQ(run.status, c.status) << run.err;
         const Json result = jsonLines(run.out).at(0);
         EXPECT_EQ(result["result"], c.result);
@@ -300,9 +303,167 @@ TEST_F(FarmCommands, DiffFindsTheWorstPixelAndExitsByThreshold)
     // A frame with a channel the other lacks differs in structure.
     std::vector<ExrPart> fewer = frameParts(1001);
     fewer[1].channels = channelList({"N.x", "N.y"}, Imf::FLOAT);
-    const ProgramRun run = ktexr({"diff", a, write("c.exr", makeMultiPartExr(fewer))});
+    const ProgramRun run = runKtexr({"diff", a, write("c.exr", makeMultiPartExr(fewer))});
     EXPECT_EQ(run.status, 11);
     EXPECT_NE(run.out.find("channel Z is only in the first file"), std::string::npos) << run.out;
 }
 
 }  // namespace
+
+// ---- lossless crop and assembly ----------------------------------------------
+
+namespace {
+
+// The header attributes that must pass through unchanged, as text.
+std::map<std::string, std::string> attributesOf(const Imf::Header& h)
+{
+    std::map<std::string, std::string> all;
+    for (auto a = h.begin(); a != h.end(); ++a) {
+        const std::string name = a.name();
+        if (name == "dataWindow" || name == "chunkCount" || name == "type" || name == "name") continue;
+        MemoryOStream out;
+        a.attribute().writeValueTo(out, 2);
+        all[name] = std::string(a.attribute().typeName()) + ":" + std::string(out.bytes().begin(), out.bytes().end());
+    }
+    return all;
+}
+
+// Every sample of `written` equals the source's at the same pixel (zero
+// outside the source's data window).
+void expectSamplesOf(const DecodedExr& written, const DecodedExr& source)
+{
+    ASSERT_EQ(written.channels.size(), source.channels.size());
+    for (std::size_t c = 0; c < written.channels.size(); ++c) {
+        const DecodedChannel& w = written.channels[c];
+        const DecodedChannel& s = source.channels[c];
+        EXPECT_EQ(w.name, s.name);
+        EXPECT_EQ(w.type, s.type);
+        int wrong = 0;
+        for (int y = w.window.min.y; y <= w.window.max.y; ++y)
+            for (int x = w.window.min.x; x <= w.window.max.x; ++x) {
+                const bool inside = s.window.intersects(Imath::V2i(x, y));
+                const double expected = inside ? s.at(x, y) : 0.0;
+                const double got = w.at(x, y);
+                wrong += !(got == expected || (std::isnan(got) && std::isnan(expected)));
+            }
+        EXPECT_EQ(wrong, 0) << w.name;
+    }
+}
+
+// The box of pixels not zero in any channel, as OpenEXR reads the part.
+Imath::Box2i occupied(const DecodedExr& part)
+{
+    Imath::Box2i box;
+    for (const DecodedChannel& c : part.channels)
+        for (int y = c.window.min.y; y <= c.window.max.y; ++y)
+            for (int x = c.window.min.x; x <= c.window.max.x; ++x)
+                if (c.at(x, y) != 0.0) box.extendBy(Imath::V2i(x, y));
+    return box;
+}
+
+}  // namespace
+
+TEST_F(FarmCommands, CropKeepsEverythingButTheDataWindows)
+{
+    // Beauty occupied in (10,6)-(25,17), an AOV part occupied elsewhere,
+    // one part entirely empty; render metadata and chromaticities on top.
+    std::vector<ExrPart> parts = frameParts(1002);
+    parts[0].compression = Imf::ZIPS_COMPRESSION;
+    parts[0].attribute("chromaticities", Imf::Chromaticities()).attribute("cryptomatte/abc/manifest", std::string("{}"));
+    const auto inside = [](int x, int y, int x0, int y0, int x1, int y1) { return x >= x0 && x <= x1 && y >= y0 && y <= y1; };
+    parts[0].value = [inside](const std::string& c, int x, int y) {
+        return inside(x, y, 10, 6, 25, 17) ? frameValue(c, x, y) + 8.0 : 0.0;
+    };
+    parts[1].value = [inside](const std::string& c, int x, int y) {
+        return inside(x, y, 5, 12, 8, 19) ? -frameValue(c, x, y) - 1.0 : 0.0;
+    };
+    ExrPart blank = parts[0];
+    blank.name = "blank";
+    blank.value = constantValue(0.0);
+    parts.push_back(blank);
+    const Bytes source = makeMultiPartExr(parts);
+    const std::string input = write("render.exr", source);
+
+    struct Case {
+        Args options;
+        std::vector<Imath::Box2i> windows;  // per part; empty: from the occupied pixels
+    } cases[] = {
+        {{}, {}},
+        {{"--pad", "2"}, {box(8, 4, 27, 19), box(4, 10, 10, 20), box(0, 0, 0, 0)}},
+        {{"--same-window"}, {box(5, 6, 25, 19), box(5, 6, 25, 19), box(5, 6, 25, 19)}},
+        {{"--undo"}, {box(0, 0, 39, 29), box(0, 0, 39, 29), box(0, 0, 39, 29)}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.options));
+        Args args{"crop", input, "-o", at("out.exr"), "-q"};
+        args.insert(args.end(), c.options.begin(), c.options.end());
+        const ProgramRun run = runKtexr(args);
+        ASSERT_EQ(run.status, 0) << run.err;
+        const Bytes written = readFileBytes(at("out.exr"));
+        EXPECT_FALSE(Imf::checkOpenEXRFile(written.data(), written.size(), false, false, true));
+        for (int p = 0; p < 3; ++p) {
+            SCOPED_TRACE(p);
+            const DecodedExr in = readExr(source, p), out = readExr(written, p);
+            const Imath::Box2i expected = !c.windows.empty() ? c.windows[static_cast<std::size_t>(p)]
+                                          : p == 2           ? box(0, 0, 0, 0)
+                                                             : occupied(in);
+            EXPECT_EQ(out.header.dataWindow(), expected);
+            EXPECT_EQ(attributesOf(out.header), attributesOf(in.header));
+            EXPECT_EQ(out.header.hasTileDescription(), in.header.hasTileDescription());
+            expectSamplesOf(out, in);
+        }
+    }
+}
+
+TEST_F(FarmCommands, AssemblyRebuildsTheFrameTheTilesWereCutFrom)
+{
+    // Tiles of a two-part frame, each part cut at the same fractional-free
+    // but uneven places; some tiles tiled, some scan-line.
+    const std::vector<ExrPart> frame = frameParts(1003);
+    std::vector<ExrPart> full = frame;
+    full[1].dataWindow = full[1].displayWindow;
+    const Bytes whole = makeMultiPartExr(full);
+    write("frame.exr", whole);
+    const Imath::Box2i regions[] = {box(0, 0, 16, 10), box(17, 0, 39, 10), box(0, 11, 22, 29), box(23, 11, 39, 29)};
+    Args tiles;
+    for (int t = 0; t < 4; ++t) {
+        std::vector<ExrPart> tile = full;
+        for (ExrPart& part : tile) {
+            part.dataWindow = regions[t];
+            part.tiled = t % 2 == 1;
+        }
+        tiles.push_back(write("tile" + std::to_string(t) + ".exr", makeMultiPartExr(tile)));
+    }
+    Args args{"assemble", "-o", at("assembled.exr")};
+    args.insert(args.end(), tiles.rbegin(), tiles.rend());  // order does not matter
+    const ProgramRun run = runKtexr(args);
+    ASSERT_EQ(run.status, 0) << run.err;
+    const Bytes assembled = readFileBytes(at("assembled.exr"));
+    EXPECT_FALSE(Imf::checkOpenEXRFile(assembled.data(), assembled.size(), false, false, true));
+    for (int p = 0; p < 2; ++p) {
+        const DecodedExr in = readExr(whole, p), out = readExr(assembled, p);
+        EXPECT_EQ(out.header.dataWindow(), in.header.dataWindow());
+        expectSamplesOf(out, in);
+    }
+    EXPECT_EQ(runKtexr({"diff", at("assembled.exr"), at("frame.exr")}).status, 0);
+    if (std::system("oiiotool --help > /dev/null 2>&1") == 0) {
+        const std::string diff = "oiiotool -a --diff " + at("assembled.exr") + " " + at("frame.exr") + " > /dev/null";
+        EXPECT_EQ(std::system(diff.c_str()), 0);
+    }
+
+    // Tiles that disagree on channels, or a deep tile, are refused by name.
+    std::vector<ExrPart> odd = full;
+    for (ExrPart& part : odd) part.dataWindow = regions[3];
+    odd[1].channels = channelList({"N.x", "N.y"}, Imf::FLOAT);
+    const std::string oddTile = write("odd.exr", makeMultiPartExr(odd));
+    ProgramRun refused = runKtexr({"assemble", "-o", at("x.exr"), tiles[0], tiles[1], tiles[2], oddTile});
+    EXPECT_EQ(refused.status, 7);
+    EXPECT_NE(refused.err.find(oddTile + ": part 1: not the first tile's channels"), std::string::npos) << refused.err;
+    ExrPart deep;
+    deep.deepSamples = [](int, int) { return 1; };
+    deep.compression = Imf::ZIPS_COMPRESSION;
+    refused = runKtexr({"crop", write("deep.exr", makeExr(deep)), "-o", at("x.exr")});
+    EXPECT_EQ(refused.status, 4);
+    EXPECT_NE(refused.err.find("deep data"), std::string::npos) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(at("x.exr")));
+}

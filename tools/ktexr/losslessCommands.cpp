@@ -100,6 +100,7 @@ std::string cropOne(const std::string& input, const std::string& output, const L
     auto file = openExr(input);
     std::vector<PartLayout> parts;
     std::vector<Imath::Box2i> windows;
+    std::vector<bool> empty;
     for (int p = 0; p < file->parts(); ++p) {
         const Imf::Header& header = file->header(p);
         PartLayout layout{copyableHeader(header, input, p), 0, -1};
@@ -107,8 +108,10 @@ std::string cropOne(const std::string& input, const std::string& output, const L
         Imath::Box2i cut;
         if (options.undo) {
             cut = header.displayWindow();
+            empty.push_back(false);
         } else {
             const Imath::Box2i occupied = occupiedBox(*file, input, p);
+            empty.push_back(occupied.isEmpty());
             // An empty part keeps one pixel: OpenEXR has no empty window.
             cut = occupied.isEmpty() ? Imath::Box2i(window.min, window.min)
                                      : padded(occupied, options.pad, window, samplingGrid(header.channels()));
@@ -117,9 +120,13 @@ std::string cropOne(const std::string& input, const std::string& output, const L
         parts.push_back(layout);
     }
     if (options.sameWindow && !options.undo) {
+        // Empty parts take the window of the others; only when every part
+        // is empty do they keep their single pixel.
         Imath::Box2i all;
-        for (const Imath::Box2i& w : windows) all.extendBy(w);
-        for (Imath::Box2i& w : windows) w = all;
+        for (std::size_t p = 0; p < windows.size(); ++p)
+            if (!empty[p]) all.extendBy(windows[p]);
+        if (!all.isEmpty())
+            for (Imath::Box2i& w : windows) w = all;
     }
     std::string report = input + ":";
     for (std::size_t p = 0; p < parts.size(); ++p) {
