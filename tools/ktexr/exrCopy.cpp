@@ -84,8 +84,11 @@ Imf::Header copyableHeader(const Imf::Header& header, const std::string& file, i
     if (header.hasTileDescription() && header.tileDescription().mode != Imf::ONE_LEVEL)
         throw Failure(exitNotExr, file,
                       where + " is mip- or rip-mapped, which crop and assemble do not handle; nothing was written");
-    Imf::Header copy = header;
-    copy.erase("chunkCount");
+    // Built up rather than copied and erased from: erasing leaks the
+    // attribute in the OpenEXR this is built against.
+    Imf::Header copy;
+    for (auto a = header.begin(); a != header.end(); ++a)
+        if (std::string(a.name()) != "chunkCount") copy.insert(a.name(), a.attribute());
     return copy;
 }
 
