@@ -116,6 +116,7 @@ void FarmCommands::addLossless(CLI::App& crop, CLI::App& assemble)
     crop.footer("Without --host every part, channel, pixel type and attribute is kept, with the compression and\n"
                 "tiling of the input; each part's data window is cut to its pixels that are not zero in any channel.\n"
                 "Deep and mip-mapped parts are refused.");
+    assemble.add_flag("-q,--quiet", quiet_, "no progress and no summary line");
     assemble.footer("Without --host the tiles are placed by their data windows, part by part and channel by\n"
                     "channel, keeping every pixel type and attribute of the first tile; deep parts are refused.");
 }
@@ -146,6 +147,7 @@ int FarmCommands::runAssemble(const AssembleOptions& options) const
     lossless.tiles = options.tiles;
     lossless.checkOnly = options.checkOnly;
     lossless.allowGaps = options.allowGaps;
+    lossless.quiet = quiet_;
     return runLosslessAssemble(lossless);
 }
 
