@@ -63,9 +63,31 @@ FarmCommands::FarmCommands(CLI::App& app)
                   "Samples outside a data window count as zero; NaN equals only NaN. Exit status: 0 within\n"
                   "--warn, 1 above --warn only, 11 above --fail or not the same parts and channels,\n"
                   "3 a file missing, 5 a file that cannot be read whole, 2 bad arguments.");
+
+    contact_ = app.add_subcommand("contact", "a grid of small previews of a sequence, labelled with frame numbers");
+    contact_->add_option("files", contactOptions_.files, "EXR files and sequences")->required();
+    contact_->add_option("-o,--output", contactOptions_.output, "SHEET.png")->required();
+    contact_->add_option("--frames", contactOptions_.frames, "frame range of the sequences");
+    contact_->add_option("--columns", contactOptions_.columns, "previews per row (default 8)")->check(CLI::Range(1, 256));
+    contact_->add_option("--size", contactOptions_.size, "preview width in pixels (default 192)")->check(CLI::Range(8, 4096));
+    contact_->add_option("--exposure", contactOptions_.exposure, "exposure in stops (default 0)")->check(CLI::Range(-64.0, 64.0));
+    auto* gamma = contact_->add_flag_callback("--gamma", [this] { contactOptions_.curve = "gamma"; },
+                                              "a plain 1/2.2 display gamma instead of the sRGB curve");
+    contact_->add_flag_callback("--linear", [this] { contactOptions_.curve = "linear"; }, "no display curve")
+        ->excludes(gamma);
+    contact_->add_option("--jobs", contactOptions_.jobs, "frames read at the same time (default: one per core)")
+        ->check(CLI::Range(1u, 1024u));
+    contact_->add_flag("-q,--quiet", contactOptions_.quiet, "no progress");
+    contact_->footer(std::string(kSequenceHelp) +
+                     "The colour of the first part, shrunk by averaging, with the sRGB transfer curve unless\n"
+                     "--gamma or --linear; missing frames show M, unreadable ones X!, both in red.\n"
+                     "Exit status: 0, 3 a frame missing, 5 a frame unreadable, 8 the sheet cannot be written.");
 }
 
-bool FarmCommands::chosen() const { return verify_->parsed() || stats_->parsed() || diff_->parsed(); }
+bool FarmCommands::chosen() const
+{
+    return verify_->parsed() || stats_->parsed() || diff_->parsed() || contact_->parsed();
+}
 
 int FarmCommands::run() const
 {
@@ -75,6 +97,7 @@ int FarmCommands::run() const
         return runVerify(verifyOptions_);
     }
     if (stats_->parsed()) return runStats(statsOptions_);
+    if (contact_->parsed()) return runContact(contactOptions_);
     return runDiff(diffOptions_);
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "contactSheet.h"
 #include "exitStatus.h"
 
 namespace CLI {
@@ -86,6 +87,8 @@ private:
     CLI::App* verify_ = nullptr;
     CLI::App* stats_ = nullptr;
     CLI::App* diff_ = nullptr;
+    CLI::App* contact_ = nullptr;
+    ContactOptions contactOptions_;
     VerifyOptions verifyOptions_;
     BatchOptions statsOptions_;
     DiffOptions diffOptions_;
