@@ -11,11 +11,15 @@
 #include <fstream>
 #include <limits>
 #include <map>
+#include <numeric>
+#include <thread>
 
 #include <OpenEXR/ImfCheckFile.h>
 #include <OpenEXR/ImfChromaticitiesAttribute.h>
 #include <nlohmann/json.hpp>
 
+#include "batchRun.h"
+#include "contactSheet.h"
 #include "exitStatus.h"
 #include "exrBuilder.h"
 #include "frameSequence.h"
@@ -466,4 +470,60 @@ TEST_F(FarmCommands, AssemblyRebuildsTheFrameTheTilesWereCutFrom)
     EXPECT_EQ(refused.status, 4);
     EXPECT_NE(refused.err.find("deep data"), std::string::npos) << refused.err;
     EXPECT_FALSE(std::filesystem::exists(at("x.exr")));
+}
+
+// ---- previews and the parallel runner ----------------------------------------
+
+TEST(ContactSheet, ThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
+{
+    // A 40 x 20 frame: the left half 0.18 grey (sRGB 118 of 255), the right
+    // half 0.5 in R only, the bottom row outside the data window.
+    ExrPart part;
+    part.displayWindow = box(0, 0, 39, 19);
+    part.dataWindow = box(0, 0, 39, 17);
+    part.channels = channelList({"A", "B", "G", "R"});
+    part.value = [](const std::string& c, int x, int) { return x < 20 ? (c == "A" ? 1.0 : 0.18) : c == "R" ? 0.5 : 0.0; };
+    const std::string dir = testing::TempDir();
+    const std::string path = dir + "/thumb.exr";
+    const Bytes bytes = makeExr(part);
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    const ktexr::Thumbnail t = ktexr::makeThumbnail(path, 4);
+    ASSERT_EQ(t.width, 4);
+    ASSERT_EQ(t.height, 2);
+    EXPECT_NEAR(t.rgb[0], 0.18, 1e-3);            // top left, all grey
+    EXPECT_NEAR(t.rgb[3 * 4], 0.18 * 8 / 10, 1e-3);  // bottom left: 2 of its 10 rows outside the data window
+    EXPECT_NEAR(t.rgb[3 * 3], 0.5, 1e-3);          // top right, red
+    EXPECT_EQ(t.rgb[3 * 3 + 1], 0.0);
+    struct Case {
+        float linear, stops;
+        const char* curve;
+        int shown;  // of 255
+    } cases[] = {{0.18f, 0, "srgb", 118}, {0.09f, 1, "srgb", 118}, {0.0f, 0, "srgb", 0}, {2.0f, 0, "srgb", 255},
+                 {-1.0f, 0, "srgb", 0}, {0.5f, 0, "gamma", 186}, {0.5f, 0, "linear", 128}, {0.002f, 0, "srgb", 7}};
+    for (const Case& c : cases)
+        EXPECT_EQ(std::lround(255.0f * ktexr::displayValue(c.linear, c.stops, c.curve)), c.shown) << c.linear << c.curve;
+}
+
+TEST(BatchRun, ParallelRunsEmitInOrderWhateverFinishesFirst)
+{
+    for (unsigned jobs : {1u, 2u, 7u}) {
+        std::vector<int> results(50, -1);
+        std::vector<std::size_t> emitted;
+        ktexr::runInOrder(
+            results.size(), jobs,
+            [&](std::size_t i) {
+                if (i % 3 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+                results[i] = static_cast<int>(i * i);
+            },
+            [&](std::size_t i) {
+                EXPECT_EQ(results[i], static_cast<int>(i * i));
+                emitted.push_back(i);
+            });
+        std::vector<std::size_t> expected(results.size());
+        std::iota(expected.begin(), expected.end(), 0);
+        EXPECT_EQ(emitted, expected) << jobs;
+    }
+    EXPECT_THROW(ktexr::runInOrder(
+                     10, 3, [](std::size_t i) { if (i == 4) throw std::runtime_error("frame 4"); }, [](std::size_t) {}),
+                 std::runtime_error);
 }
