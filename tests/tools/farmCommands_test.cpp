@@ -22,7 +22,9 @@
 #include "contactSheet.h"
 #include "exitStatus.h"
 #include "exrBuilder.h"
+#include "fileIo.h"
 #include "frameSequence.h"
+#include "pngFile.h"
 
 namespace {
 
@@ -526,4 +528,26 @@ TEST(BatchRun, ParallelRunsEmitInOrderWhateverFinishesFirst)
     EXPECT_THROW(ktexr::runInOrder(
                      10, 3, [](std::size_t i) { if (i == 4) throw std::runtime_error("frame 4"); }, [](std::size_t) {}),
                  std::runtime_error);
+}
+
+TEST_F(FarmCommands, DecodePreviewsWithExposureAndTheSrgbCurve)
+{
+    ExrPart grey;
+    grey.value = [](const std::string& c, int, int) { return c == "A" ? 0.5 : 0.36; };
+    const std::string input = write("grey.exr", makeExr(grey));
+    struct Case {
+        Args options;
+        int shown;  // every colour sample, of 255; alpha is opaque
+    } cases[] = {{{"--srgb", "--exposure", "-1"}, 118}, {{"--exposure", "1"}, 184}, {{"--srgb"}, 162}}  // half(0.36) = 0.35986;
+    for (const Case& c : cases) {
+        Args args{"decode", input, "-o", at("preview.png")};
+        args.insert(args.end(), c.options.begin(), c.options.end());
+        const ProgramRun run = runKtexr(args);
+        ASSERT_EQ(run.status, 0) << run.err;
+        const auto bytes = ktexr::readWholeFile(at("preview.png"));
+        ktexr::PngReader png(bytes, "preview.png");
+        std::vector<unsigned char> pixels(std::size_t{png.width()} * png.height() * 4);
+        png.read(pixels.data(), std::size_t{png.width()} * 4);
+        for (std::size_t i = 0; i < pixels.size(); ++i) ASSERT_EQ(pixels[i], i % 4 == 3 ? 255 : c.shown) << i;
+    }
 }

@@ -144,6 +144,13 @@ void FarmCommands::addLossless(CLI::App& crop, CLI::App& assemble)
                     "channel, keeping every pixel type and attribute of the first tile; deep parts are refused.");
 }
 
+void FarmCommands::addPreview(CLI::App& decode)
+{
+    decode.add_flag("--srgb", srgb_, "apply the sRGB transfer curve (as monitors show it); an opaque preview");
+    decode.add_option("--exposure", exposure_, "exposure in stops before the display curve (an opaque preview)")
+        ->check(CLI::Range(-64.0f, 64.0f));
+}
+
 bool FarmCommands::lossless(const CLI::App& command) const
 {
     return &command == crop_ ? !hostCrop_ : !hostAssemble_;

@@ -18,6 +18,11 @@ namespace ktexr {
 
 struct CropOptions;
 struct AssembleOptions;
+struct DecodeOptions;
+class PluginLibrary;
+
+// decode with the sRGB curve and/or an exposure, the plug-in decoding to float.
+int runPreviewDecode(const PluginLibrary& plugin, const DecodeOptions& options, float exposure, bool srgb);
 
 // Exit statuses of verify beyond the shared ones, worst first:
 // a damaged frame (10), a truncated one (exitIncomplete), one that is not
@@ -76,7 +81,17 @@ public:
     int runCrop(const CropOptions& options) const;
     int runAssemble(const AssembleOptions& options) const;
 
+    // decode --srgb / --exposure: preview() says whether they were given.
+    void addPreview(CLI::App& decode);
+    bool preview() const { return srgb_ || exposure_ != 0.0f; }
+    int runDecode(const PluginLibrary& plugin, const DecodeOptions& options) const
+    {
+        return runPreviewDecode(plugin, options, exposure_, srgb_);
+    }
+
 private:
+    bool srgb_ = false;
+    float exposure_ = 0.0f;
     bool hostCrop_ = false;
     bool hostAssemble_ = false;
     int pad_ = 0;

@@ -94,6 +94,7 @@ int main(int argc, char** argv)
     farm.addFrames(*infoCmd);
     farm.addFrames(*cropCmd);
     farm.addLossless(*cropCmd, *assembleCmd);
+    farm.addPreview(*decodeCmd);
 
     try {
         app.parse(argc, argv);
@@ -123,6 +124,7 @@ int main(int argc, char** argv)
     // Missing frames of a sequence are the first failure; the others still run.
     auto afterMissing = [&](ExitStatus status) { return expanded.result() != exitOk ? expanded.result() : status; };
     if (*infoCmd) return afterMissing(runInfo(*plugin, info));
+    if (*decodeCmd && farm.preview()) return farm.runDecode(*plugin, decodeOpts);
     if (*decodeCmd) return runDecode(*plugin, decodeOpts);
     if (*encodeCmd) return runEncode(*plugin, encodeOpts);
     if (*cropCmd) return afterMissing(runCrop(*plugin, crop));
