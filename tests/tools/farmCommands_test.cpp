@@ -538,7 +538,7 @@ TEST_F(FarmCommands, DecodePreviewsWithExposureAndTheSrgbCurve)
     struct Case {
         Args options;
         int shown;  // every colour sample, of 255; alpha is opaque
-    } cases[] = {{{"--srgb", "--exposure", "-1"}, 118}, {{"--exposure", "1"}, 184}, {{"--srgb"}, 162}}  // half(0.36) = 0.35986;
+    } cases[] = {{{"--srgb", "--exposure", "-1"}, 118}, {{"--exposure", "1"}, 184}, {{"--srgb"}, 162}};  // half(0.36) = 0.35986
     for (const Case& c : cases) {
         Args args{"decode", input, "-o", at("preview.png")};
         args.insert(args.end(), c.options.begin(), c.options.end());

@@ -73,7 +73,7 @@ Imf::Slice bandSlice(Imf::PixelType type, void* data, int firstColumn, int first
                       static_cast<std::size_t>(yStride), xSampling, ySampling);
 }
 
-ChannelBand::ChannelBand(const Imf::ChannelList& channels, int minX, int maxX, bool nativeTypes) : native_(nativeTypes)
+ChannelBand::ChannelBand(const Imf::ChannelList& channels, int minX, int maxX, bool nativeTypes)
 {
     for (auto c = channels.begin(); c != channels.end(); ++c) {
         const Imf::Channel& channel = c.channel();

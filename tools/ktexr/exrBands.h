@@ -72,7 +72,6 @@ private:
     };
     std::vector<Samples> channels_;
     int y0_ = 0;
-    bool native_ = false;
 };
 
 }  // namespace ktexr
