@@ -456,9 +456,11 @@ void ChannelStats::merge(const ChannelStats& other)
 
 bool FrameScan::empty() const
 {
-    for (const PartScan& part : parts)
+    for (const PartScan& part : parts) {
+        if (part.deep) return false;  // its samples are not counted, so not known to be zero
         for (const ChannelStats& channel : part.channels)
             if (channel.nonZero > 0) return false;
+    }
     return state == FrameState::ok;
 }
 
