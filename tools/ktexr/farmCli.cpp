@@ -117,6 +117,7 @@ int FarmCommands::expand(CLI::App& command, std::vector<std::string>& files) con
         files = existingFrames(expandSequences(files, frames), missing);
         return missing ? exitUnreadable : exitOk;
     } catch (const Failure& failure) {
+        files.clear();  // nothing runs on a range that could not be read
         return report(failure);
     }
 }
