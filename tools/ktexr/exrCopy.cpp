@@ -1,5 +1,6 @@
 #include "exrCopy.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -117,6 +118,14 @@ void writeBanded(const std::string& path, const std::vector<PartLayout>& parts, 
         {
             Imf::MultiPartOutputFile out(temporary.c_str(), headers.data(), static_cast<int>(headers.size()));
             for (std::size_t i = 0; i < parts.size(); ++i) writePart(out, static_cast<int>(i), parts[i], fill);
+        }
+        // A file replaced keeps its permissions and, where allowed, its owner.
+        struct stat existing {};
+        if (::stat(path.c_str(), &existing) == 0) {
+            ::chmod(temporary.c_str(), existing.st_mode & 07777);
+            if (::chown(temporary.c_str(), existing.st_uid, existing.st_gid) != 0) {
+                // Not the owner: the new file is the user's, as any file they write.
+            }
         }
         std::error_code error;
         std::filesystem::rename(temporary, path, error);
