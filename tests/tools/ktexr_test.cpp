@@ -163,8 +163,11 @@ protected:
         return paths;
     }
 
+    // crop and assemble run the plug-in's route here (--host); the lossless
+    // route has its own suite.
     ProgramRun ktexr(Args args, long long fileSizeLimit = -1, const std::string& stdoutTo = "", int asUser = -1)
     {
+        if (!args.empty() && (args[0] == "crop" || args[0] == "assemble")) args.insert(args.begin() + 1, "--host");
         args.insert(args.begin(), KTEXR_PATH);
         return run(args, fileSizeLimit, stdoutTo, asUser);
     }

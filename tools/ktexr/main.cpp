@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "commands.h"
+#include "farmCommands.h"
 #include "fileIo.h"
 
 namespace {
@@ -104,6 +105,12 @@ int main(int argc, char** argv)
     // Once, in the program's help: subcommands made after this would repeat it.
     app.footer(exitStatusTable());
 
+    FarmCommands farm(app);  // verify, stats, diff: OpenEXR directly, sequences, many frames
+    farm.addFrames(*infoCmd);
+    farm.addFrames(*cropCmd);
+    farm.addLossless(*cropCmd, *assembleCmd);
+    farm.addPreview(*decodeCmd);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -111,22 +118,40 @@ int main(int argc, char** argv)
         return code == 0 ? exitOk : exitUsage;
     }
 
-    std::unique_ptr<PluginLibrary> plugin;
-    try {
-        plugin = std::make_unique<PluginLibrary>(pluginPath.empty() ? PluginLibrary::locate() : pluginPath);
-    } catch (const Failure& failure) {
-        return report(failure);
-    }
     unsigned cores = std::thread::hardware_concurrency();
     Imf::setGlobalThreadCount(threads >= 0 ? threads : static_cast<int>(cores > 1 ? cores : 0));
 
-    ExitStatus status = *infoCmd       ? runInfo(*plugin, info)
-                        : *decodeCmd     ? runDecode(*plugin, decodeOpts)
-                        : *encodeCmd     ? runEncode(*plugin, encodeOpts)
-                        : *cropCmd       ? runCrop(*plugin, crop)
-                        : *assembleCmd   ? runAssemble(*plugin, assemble)
-                        : *demoCmd       ? runDemo(*plugin, demo)
-                                         : runIdentity(*plugin);
+    ExitStatus status = [&]() -> ExitStatus {
+        if (farm.chosen()) return static_cast<ExitStatus>(farm.run());
+        // Missing frames of a sequence are the first failure; the frames that
+        // are there still run.
+        StatusKeeper expanded;
+        if (*infoCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*infoCmd, info.files)));
+        if (*cropCmd) expanded.note(static_cast<ExitStatus>(farm.expand(*cropCmd, crop.files)));
+        if (expanded.result() != exitOk && info.files.empty() && crop.files.empty()) return expanded.result();
+        if (*cropCmd && farm.lossless(*cropCmd)) {
+            expanded.note(static_cast<ExitStatus>(farm.runCrop(crop)));
+            return expanded.result();
+        }
+        if (*assembleCmd && farm.lossless(*assembleCmd)) return static_cast<ExitStatus>(farm.runAssemble(assemble));
+
+        std::unique_ptr<PluginLibrary> plugin;
+        try {
+            plugin = std::make_unique<PluginLibrary>(pluginPath.empty() ? PluginLibrary::locate() : pluginPath);
+        } catch (const Failure& failure) {
+            return report(failure);
+        }
+        if (*infoCmd) expanded.note(runInfo(*plugin, info));
+        else if (*decodeCmd) expanded.note(farm.preview() ? static_cast<ExitStatus>(farm.runDecode(*plugin, decodeOpts))
+                                                          : runDecode(*plugin, decodeOpts));
+        else if (*encodeCmd) expanded.note(runEncode(*plugin, encodeOpts));
+        else if (*cropCmd) expanded.note(runCrop(*plugin, crop));
+        else if (*assembleCmd) expanded.note(runAssemble(*plugin, assemble));
+        else if (*demoCmd) expanded.note(runDemo(*plugin, demo));
+        else expanded.note(runIdentity(*plugin));
+        return expanded.result();
+    }();
+
     // A report that did not reach standard output (a full disk, a closed
     // pipe) is a failure, not a success.
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
