@@ -36,6 +36,46 @@ int ktCharLen(unsigned short const* text);
 // '0'..'9', and also '-'.
 bool ktIsDigit(unsigned short const& unit);
 
+// A host compiled against its own headers links the queries below without
+// const (only the 8-bit string marks its searches and comparisons const), so
+// each gets a non-const form beside the const one it forwards to; both are
+// exported. Whole overload sets are mirrored so that a call on a non-const
+// string resolves exactly as it did among the const forms. Shared by the
+// current and the legacy 16-bit template; `Self` is the template's name.
+#define KT_STRING16_NONCONST_QUERIES(Self)                                                                    \
+    int indexOf(unsigned short const& unit, int start = 0) { return std::as_const(*this).indexOf(unit, start); } \
+    int indexOf(Self const& needle, int start = 0) { return std::as_const(*this).indexOf(needle, start); }         \
+    int indexOf(char const* needle) { return std::as_const(*this).indexOf(needle); }                              \
+    int indexOfCaseSen(unsigned short const& unit, int start = 0) { return std::as_const(*this).indexOfCaseSen(unit, start); } \
+    int indexOfCaseSen(Self const& needle, int start = 0) { return std::as_const(*this).indexOfCaseSen(needle, start); } \
+    int lastIndexOf(unsigned short const& unit, int start = -1) { return std::as_const(*this).lastIndexOf(unit, start); } \
+    bool contains(char const& c) { return std::as_const(*this).contains(c); }                                   \
+    bool contains(char const* needle) { return std::as_const(*this).contains(needle); }                         \
+    bool contains(Self const& needle) { return std::as_const(*this).contains(needle); }                         \
+    int count(char c) { return std::as_const(*this).count(c); }                                                 \
+    int countCaseSen(char const& c) { return std::as_const(*this).countCaseSen(c); }                            \
+    bool operator==(Self const& other) { return std::as_const(*this) == other; }                                \
+    bool operator==(char const* other) { return std::as_const(*this) == other; }                                \
+    bool operator==(unsigned short const* other) { return std::as_const(*this) == other; }                      \
+    bool isEqual(Self const& other) { return std::as_const(*this).isEqual(other); }                             \
+    bool isEqual(char const* other, int count) { return std::as_const(*this).isEqual(other, count); }           \
+    bool isEqual(unsigned short const* other, int count) { return std::as_const(*this).isEqual(other, count); } \
+    bool isEqualSameCase(Self const& other) { return std::as_const(*this).isEqualSameCase(other); }             \
+    bool isEqualSameCase(char const* other, int count) { return std::as_const(*this).isEqualSameCase(other, count); } \
+    bool isEqualSameCase(unsigned short const* other, int count) { return std::as_const(*this).isEqualSameCase(other, count); } \
+    int compare(Self const& other) { return std::as_const(*this).compare(other); }                              \
+    int compareSameCase(Self const& other) { return std::as_const(*this).compareSameCase(other); }              \
+    bool operator<(Self const& other) { return std::as_const(*this) < other; }                                  \
+    bool operator>(Self const& other) { return std::as_const(*this) > other; }                                  \
+    bool startsWith(unsigned short const& unit) { return std::as_const(*this).startsWith(unit); }               \
+    bool startsWith(char const* prefix) { return std::as_const(*this).startsWith(prefix); }                     \
+    bool startsWith(char const* prefix, int count) { return std::as_const(*this).startsWith(prefix, count); }   \
+    bool startsWith(Self prefix) { return std::as_const(*this).startsWith(prefix); }                            \
+    bool endsWith(unsigned short const& unit) { return std::as_const(*this).endsWith(unit); }                   \
+    bool endsWith(char const* suffix) { return std::as_const(*this).endsWith(suffix); }                         \
+    bool endsWith(Self const& suffix) { return std::as_const(*this).endsWith(suffix); }                         \
+    bool endsWith(char const* suffix, int count) { return std::as_const(*this).endsWith(suffix, count); }
+
 template <int N>
 struct _ktString {
     unsigned short length;
@@ -220,6 +260,7 @@ struct _ktString {
     _ktString8_allSize<250> to_ktString8_250() { return std::as_const(*this).to_ktString8_250(); }
     _ktString8_allSize<500> to_ktString8_500() { return std::as_const(*this).to_ktString8_500(); }
     int toInt(bool* ok = nullptr) { return std::as_const(*this).toInt(ok); }
+    KT_STRING16_NONCONST_QUERIES(_ktString)
 };
 
 #define KT_DECLARE_STRING16(N) extern template struct _ktString<N>;

@@ -376,6 +376,8 @@ struct _ktString_old {
     _ktString8_allSize<250> to_ktString8_250() { return std::as_const(*this).to_ktString8_250(); }
     _ktString8_allSize<500> to_ktString8_500() { return std::as_const(*this).to_ktString8_500(); }
     int toInt(bool* ok = nullptr) { return std::as_const(*this).toInt(ok); }
+    KT_STRING16_NONCONST_QUERIES(_ktString_old)
+    bool startsWith(char const& c) { return std::as_const(*this).startsWith(c); }
 };
 
 #define KT_DECLARE_LEGACY(N) extern template struct _ktString8_evenSize_old<N>;

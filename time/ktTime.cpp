@@ -235,12 +235,12 @@ int _ktTime::hoursTo(const _ktTime& other) const { return secsTo(other) / 3600; 
 
 int _ktTime::daysTo(const _ktTime& other) const
 {
-    return clampToInt(static_cast<__int128>(other.getTotalDays(0)) - getTotalDays(0));
+    return low32(static_cast<long long>(other.getTotalDays(0)) - getTotalDays(0));
 }
 
-int _ktTime::secsDifference(const _ktTime& other) const { return clampToInt(std::llabs(secsTo(other))); }
+int _ktTime::secsDifference(const _ktTime& other) const { return low32(std::llabs(secsTo(other))); }
 
-int _ktTime::daysDifference(const _ktTime& other) const { return clampToInt(std::llabs(daysTo(other))); }
+int _ktTime::daysDifference(const _ktTime& other) const { return low32(std::llabs(daysTo(other))); }
 
 int _ktTime::minTo(const _ktTime& other) { return std::as_const(*this).minTo(other); }
 

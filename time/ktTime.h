@@ -75,7 +75,10 @@ public:
 
     // Distances in seconds: the low 32 bits of the 64-bit difference (so a
     // distance beyond 68 years wraps). From no time: 0; to no time:
-    // 2000000000.
+    // 2000000000. daysTo is the difference of the two 32-bit day numbers,
+    // and the two differences are absolute values, all kept in 32 bits the
+    // same way: they wrap, they never saturate (the absolute value of
+    // INT_MIN stays INT_MIN).
     int secsTo(const _ktTime& other) const;
     int minTo(const _ktTime& other) const;
     int hoursTo(const _ktTime& other) const;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -237,6 +238,16 @@ TEST_F(Calendar, DayArithmeticUsesTheSettledOffset)
     EXPECT_EQ(t.value, day * 86400 - offsetNow);
     const _ktTime lastSecond(t.value - 1, true), beforeEpoch(-offsetNow - 1, true);
     EXPECT_TRUE(lastSecond.daysTo(t) == 1 && t.daysDifference(lastSecond) == 1);
+    // Day distances are differences of 32-bit day numbers, wrapped to 32 bits:
+    // {from day, to day, daysTo, daysDifference}
+    const long long dayCases[][4] = {
+        {day, day - 3, -3, 3},  {(1LL << 31) - 1, 1LL << 31, 1, 1},  {10, (1LL << 31) + 5, 2147483643, 2147483643},
+        {(1LL << 31) + 5, 10, -2147483643, 2147483643},  {1, (1LL << 31) + 1, INT_MIN, INT_MIN},
+    };
+    for (const auto& c : dayCases) {
+        const _ktTime from(c[0] * 86400 - offsetNow + 7, true), to(c[1] * 86400 - offsetNow + 7, true);
+        EXPECT_TRUE(from.daysTo(to) == c[2] && from.daysDifference(to) == c[3]) << c[0] << " -> " << c[1];
+    }
     EXPECT_TRUE(beforeEpoch.getTotalDays(0) == 0 && beforeEpoch.getDaySeconds(0) == -1);
 
     t.value = 1000;

@@ -16,17 +16,18 @@ _ktTime at(long long value) { return _ktTime(value, true); }
 
 // From no time 0, to no time 2000000000 (a value below 1 is none), minutes
 // and hours truncated toward zero; a distance beyond 32 bits keeps its low
-// 32 bits (narrowed, not saturated).
+// 32 bits (narrowed, not saturated), and so does its absolute value.
 TEST(KtTimeDistance, SecondsMinutesHoursAndNoTime)
 {
-    struct Case { long long from, to; int secs, mins, hours; } const cases[] = {
-        {0, 100, 0, 0, 0},          {100, 0, 2000000000, 33333333, 555555}, {1, 1, 0, 0, 0},
-        {1000, 1060, 60, 1, 0},     {10000, 6401, -3599, -59, 0},           {10000, 6399, -3601, -60, -1},
-        {1, 1 + (1LL << 32) + 90, 90, 1, 0},  {1, LLONG_MAX, -2, 0, 0},
+    struct Case { long long from, to; int secs, mins, hours, difference; } const cases[] = {
+        {0, 100, 0, 0, 0, 0},          {100, 0, 2000000000, 33333333, 555555, 2000000000}, {1, 1, 0, 0, 0, 0},
+        {1000, 1060, 60, 1, 0, 60},    {10000, 6401, -3599, -59, 0, 3599},  {10000, 6399, -3601, -60, -1, 3601},
+        {1, 1 + (1LL << 32) + 90, 90, 1, 0, 90},  {1, LLONG_MAX, -2, 0, 0, 2},
+        {1, 1 + (1LL << 31), INT_MIN, -35791394, -596523, INT_MIN},
     };
     for (const auto& c : cases) {
         const _ktTime from = at(c.from), to = at(c.to);
-        EXPECT_TRUE(from.secsTo(to) == c.secs && from.secsDifference(to) == std::abs(c.secs)) << c.from << " " << c.to;
+        EXPECT_TRUE(from.secsTo(to) == c.secs && from.secsDifference(to) == c.difference) << c.from << " " << c.to;
         EXPECT_TRUE(from.minTo(to) == c.mins && from.hoursTo(to) == c.hours) << c.from << " -> " << c.to;
     }
 }
