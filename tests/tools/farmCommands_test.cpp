@@ -3,7 +3,9 @@
 // what OpenEXR itself reads from the same files.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -41,7 +43,8 @@ struct ProgramRun {
     std::string err;
 };
 
-ProgramRun runKtexr(Args args)
+// Optionally with a file-size limit, or as another user.
+ProgramRun runKtexr(Args args, rlim_t fileSizeLimit = RLIM_INFINITY, uid_t asUser = 0)
 {
     args.insert(args.begin(), KTEXR_PATH);
     std::vector<char*> argv;
@@ -53,6 +56,8 @@ ProgramRun runKtexr(Args args)
     if (child == 0) {
         dup2(fileno(out), 1);
         dup2(fileno(err), 2);
+        const rlimit limit{fileSizeLimit, fileSizeLimit};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || (asUser && (setgid(asUser) != 0 || setuid(asUser) != 0))) _exit(126);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -588,6 +593,58 @@ TEST_F(FarmCommands, CropThatGainsNothingOrOnlyTriesLeavesFilesAlone)
     const std::string real = runKtexr({"crop", bordered, "-o", at("new.exr")}).out;
     EXPECT_NE(sizesIn(dry).find("saves"), std::string::npos) << dry;
     EXPECT_EQ(sizesIn(dry), sizesIn(real)) << dry << real;
+}
+
+// --in-place keeps the permissions, owner, group and extended attributes of
+// the file it replaces; one it cannot write whole, or cannot give its owner,
+// stays as it was, with no temporary file left beside it.
+TEST_F(FarmCommands, CropInPlaceKeepsOwnerAndAttributesOrLeavesTheFile)
+{
+    ExrPart part;
+    part.displayWindow = box(0, 0, 255, 191);
+    part.compression = Imf::NO_COMPRESSION;
+    part.value = [](const std::string& c, int x, int y) { return x > 9 ? frameValue(c, x, y) + 8.0 : 0.0; };
+    const std::string large = write("large.exr", makeExr(part)), kept = write("kept.exr", makeExr(part)),
+                      shared = write("shared.exr", makeExr(part));
+    ASSERT_EQ(chown(kept.c_str(), 1234, 5678), 0);
+    ASSERT_EQ(chmod(kept.c_str(), 0640), 0);
+    const bool xattrs = setxattr(kept.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
+    ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
+    const Bytes original = readFileBytes(large);
+
+    const struct {
+        std::string file;
+        rlim_t fileSizeLimit;
+        uid_t user;
+        int status;
+        const char* says;
+    } cases[] = {
+        {large, 4096, 0, 8, "large.exr"},  // the new file cannot be written whole
+        {shared, RLIM_INFINITY, 4321, 8, "owner"},
+        {kept, RLIM_INFINITY, 0, 0, "kept.exr: part 0: data window"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const ProgramRun run = runKtexr({"crop", "--in-place", c.file}, c.fileSizeLimit, c.user);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_NE((run.out + run.err).find(c.says), std::string::npos) << run.out << run.err;
+        EXPECT_EQ(readFileBytes(c.file) == original, c.status != 0);
+    }
+    EXPECT_EQ(readExr(readFileBytes(kept), 0, false).header.dataWindow(), box(10, 0, 255, 191));
+    struct stat st;
+    ASSERT_EQ(stat(kept.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(st.st_uid, 1234u);
+    EXPECT_EQ(st.st_gid, 5678u);
+    char note[8] = {};
+    EXPECT_EQ(getxattr(kept.c_str(), "user.ktexr.note", note, sizeof note), xattrs ? 4 : -1);
+    EXPECT_STREQ(note, xattrs ? "keep" : "");
+    std::vector<std::string> left;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) left.push_back(e.path().filename().string());
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (std::vector<std::string>{"kept.exr", "large.exr", "shared.exr"}));
 }
 
 // ---- previews and the parallel runner ----------------------------------------

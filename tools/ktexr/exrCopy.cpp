@@ -26,7 +26,7 @@ namespace {
 
 // The band height of an output part: whole chunks (scan-line blocks or rows
 // of tiles), about kBandBytes of samples.
-int outputBandLines(const PartLayout& part)
+int outputBandLines(const BandedPart& part)
 {
     const Imf::Header& h = part.header;
     const int chunk = h.hasTileDescription() ? static_cast<int>(h.tileDescription().ySize)
@@ -36,7 +36,7 @@ int outputBandLines(const PartLayout& part)
     return bandHeight(wide, chunk);
 }
 
-void writePart(Imf::MultiPartOutputFile& out, int index, const PartLayout& part, const BandFiller& fill)
+void writePart(Imf::MultiPartOutputFile& out, int index, const BandedPart& part, const BandFiller& fill)
 {
     const Imath::Box2i window = part.header.dataWindow();
     const int lines = outputBandLines(part);
@@ -155,10 +155,10 @@ private:
     std::uint64_t at_ = 0, end_ = 0;
 };
 
-void writeParts(Imf::OStream& stream, const std::vector<PartLayout>& parts, const BandFiller& fill)
+void writeParts(Imf::OStream& stream, const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
     std::vector<Imf::Header> headers;
-    for (const PartLayout& part : parts) headers.push_back(part.header);
+    for (const BandedPart& part : parts) headers.push_back(part.header);
     if (headers.size() > 1)
         for (std::size_t i = 0; i < headers.size(); ++i) {
             if (!headers[i].hasName()) headers[i].setName("part" + std::to_string(i));
@@ -209,7 +209,7 @@ std::mutex openingOutputs;
 
 }  // namespace
 
-std::uint64_t writeBanded(const std::string& path, const std::vector<PartLayout>& parts, const BandFiller& fill)
+std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
     try {
         std::unique_ptr<OutputFile> out;
@@ -244,7 +244,7 @@ std::uint64_t writeBanded(const std::string& path, const std::vector<PartLayout>
     }
 }
 
-std::uint64_t bandedSize(const std::vector<PartLayout>& parts, const BandFiller& fill)
+std::uint64_t bandedSize(const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
     CountingStream stream;
     writeParts(stream, parts, fill);

@@ -99,12 +99,12 @@ double share(const Imath::Box2i& part, const Imath::Box2i& whole)
 std::string cropOne(const std::string& input, const std::string& output, const LosslessCropOptions& options)
 {
     auto file = openExr(input);
-    std::vector<PartLayout> parts;
+    std::vector<BandedPart> parts;
     std::vector<Imath::Box2i> windows;
     std::vector<bool> empty;
     for (int p = 0; p < file->parts(); ++p) {
         const Imf::Header& header = file->header(p);
-        PartLayout layout{copyableHeader(header, input, p), 0, -1};
+        BandedPart layout{copyableHeader(header, input, p), 0, -1};
         const Imath::Box2i window = header.dataWindow();
         Imath::Box2i cut;
         if (options.undo) {
@@ -239,7 +239,7 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
                     problems.push_back({options.tiles[t], where + "not the first tile's part name"});
             }
         }
-        std::vector<PartLayout> parts;
+        std::vector<BandedPart> parts;
         long long uncovered = 0;
         for (int p = 0; p < first.parts() && problems.empty(); ++p) {
             std::vector<TileWindows> windows;
@@ -260,7 +260,7 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
                 }
                 uncovered += check.uncoveredPixels;
             }
-            PartLayout layout{copyableHeader(first.header(p), options.tiles[0], p), all.min.x, all.max.x};
+            BandedPart layout{copyableHeader(first.header(p), options.tiles[0], p), all.min.x, all.max.x};
             layout.header.dataWindow() = all;
             parts.push_back(layout);
         }
