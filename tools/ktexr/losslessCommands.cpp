@@ -157,7 +157,7 @@ std::string cropOne(const std::string& input, const std::string& output, const L
     if (options.inPlace && !gains && !options.force)
         return input + ": unchanged, " + nothingGained + "; --force rewrites it";
     if (options.dryRun)
-        return report + "\n would write " + (output.empty() ? "nothing (no -o or --in-place)" : output) + ", " +
+        return report + "\n would write " + (output.empty() ? "a new file (no -o or --in-place given)" : output) + ", " +
                sizes(bandedSize(parts, fill)) + (gains ? "" : "; " + nothingGained);
     const std::uint64_t written = writeBanded(output, parts, fill);
     return report + (output == input ? "" : " -> " + output) + ", " + sizes(written) +
