@@ -203,20 +203,38 @@ void copyThrough(int fd, std::uint64_t size, OutputFile& out)
     }
 }
 
-// OutputFile's table of temporary files for the signal handler is claimed
-// without locks; files cropped in parallel open their outputs one by one.
-std::mutex openingOutputs;
+// OutputFile's table of temporary files for the signal handler is kept
+// without locks; files cropped in parallel take and give back their places
+// in it (opening, putting in place, discarding) one at a time.
+std::mutex outputTable;
+
+struct SharedOutput {
+    explicit SharedOutput(const std::string& path)
+    {
+        std::lock_guard<std::mutex> lock(outputTable);
+        file = std::make_unique<OutputFile>(path);
+    }
+    ~SharedOutput()
+    {
+        std::lock_guard<std::mutex> lock(outputTable);
+        file.reset();
+    }
+    void commit()
+    {
+        file->finish();  // the long flush to disk, in parallel
+        std::lock_guard<std::mutex> lock(outputTable);
+        file->commit();
+    }
+    std::unique_ptr<OutputFile> file;
+};
 
 }  // namespace
 
 std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
     try {
-        std::unique_ptr<OutputFile> out;
-        {
-            std::lock_guard<std::mutex> lock(openingOutputs);
-            out = std::make_unique<OutputFile>(path);
-        }
+        SharedOutput shared(path);
+        OutputFile* out = shared.file.get();
         std::uint64_t size = 0;
         if (out->direct()) {
             const int fd = privateTemporary(path);
@@ -235,7 +253,7 @@ std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>
             writeParts(stream, parts, fill);
             size = stream.size();
         }
-        out->commit();
+        shared.commit();
         return size;
     } catch (const Failure&) {
         throw;
