@@ -2,6 +2,11 @@
 // on sequences the test builder writes; what they report is checked against
 // what OpenEXR itself reads from the same files.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,7 +43,8 @@ struct ProgramRun {
     std::string err;
 };
 
-ProgramRun runKtexr(Args args)
+// Optionally with a file-size limit, or as another user.
+ProgramRun runKtexr(Args args, rlim_t fileSizeLimit = RLIM_INFINITY, uid_t asUser = 0)
 {
     args.insert(args.begin(), KTEXR_PATH);
     std::vector<char*> argv;
@@ -50,6 +56,8 @@ ProgramRun runKtexr(Args args)
     if (child == 0) {
         dup2(fileno(out), 1);
         dup2(fileno(err), 2);
+        const rlimit limit{fileSizeLimit, fileSizeLimit};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || (asUser && (setgid(asUser) != 0 || setuid(asUser) != 0))) _exit(126);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -472,6 +480,177 @@ TEST_F(FarmCommands, AssemblyRebuildsTheFrameTheTilesWereCutFrom)
     EXPECT_EQ(refused.status, 4);
     EXPECT_NE(refused.err.find("deep data"), std::string::npos) << refused.err;
     EXPECT_FALSE(std::filesystem::exists(at("x.exr")));
+}
+
+// Both routes treat outputs alike: a device or a pipe is written through and
+// stays what it is, standard output gets the file and no report, an output
+// that is an input (links followed) is refused and the input kept.
+TEST_F(FarmCommands, OutputsOfBothRoutesNeverReplaceDevicesOrInputs)
+{
+    ExrPart frame;
+    frame.displayWindow = box(0, 0, 31, 23);
+    frame.value = [](const std::string& c, int x, int y) {
+        return x >= 4 && x <= 27 && y >= 3 && y <= 20 ? frameValue(c, x, y) + 8.0 : 0.0;
+    };
+    const std::string source = write("source.exr", makeExr(frame));
+    Args tiles;
+    for (const Imath::Box2i& region : {box(0, 0, 15, 23), box(16, 0, 31, 23)}) {
+        frame.dataWindow = region;
+        tiles.push_back(write("tile" + std::to_string(tiles.size()) + ".exr", makeExr(frame)));
+    }
+    ASSERT_EQ(mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0666), 0);
+    ASSERT_EQ(symlink(source.c_str(), at("link.exr").c_str()), 0);
+    const int fifo = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(fifo, 0);
+    std::map<std::string, Bytes> inputs;
+    for (const std::string& input : {source, tiles[0], tiles[1]}) inputs[input] = readFileBytes(input);
+
+    const struct {
+        Args args;
+        int status;
+        const char* output;
+        mode_t kind;
+    } cases[] = {
+        {{"crop", source, "-o", at("null")}, 0, "null", S_IFCHR},
+        {{"crop", source, "-o", at("fifo")}, 0, "fifo", S_IFIFO},
+        {{"assemble", "-o", at("fifo"), tiles[0], tiles[1]}, 0, "fifo", S_IFIFO},
+        {{"crop", source, "-o", at("link.exr")}, 9, "link.exr", S_IFLNK},
+        {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},
+        {{"assemble", "-o", tiles[1], tiles[0], tiles[1]}, 9, "tile1.exr", S_IFREG},
+        {{"crop", source, "-o", "-"}, 0, "null", S_IFCHR},
+    };
+    for (const char* route : {"", "--host"}) {
+        for (const auto& c : cases) {
+            Args args = c.args;
+            if (*route) args.push_back(route);
+            SCOPED_TRACE(testing::PrintToString(args));
+            const ProgramRun run = runKtexr(args);
+            EXPECT_EQ(run.status, c.status) << run.err;
+            struct stat st;
+            ASSERT_EQ(lstat(at(c.output).c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & S_IFMT, c.kind);
+            Bytes piped(1 << 20);
+            const ssize_t n = read(fifo, piped.data(), piped.size());
+            if (c.kind == S_IFIFO) {
+                ASSERT_GT(n, 0);
+                piped.resize(static_cast<std::size_t>(n));
+                EXPECT_NO_THROW(readExr(piped));
+            }
+            if (args[3] == "-") {  // the file alone on standard output, the report on standard error
+                EXPECT_NO_THROW(readExr(Bytes(run.out.begin(), run.out.end())));
+                EXPECT_NE(run.err.find("-> -"), std::string::npos) << run.err;
+            }
+        }
+    }
+    close(fifo);
+    for (const auto& [path, bytes] : inputs) EXPECT_EQ(readFileBytes(path), bytes) << path;
+}
+
+// A crop that changes no data window leaves an --in-place file alone unless
+// forced, and says so when told to write it elsewhere; --dry-run writes
+// nothing and names the size a real run writes.
+TEST_F(FarmCommands, CropThatGainsNothingOrOnlyTriesLeavesFilesAlone)
+{
+    ExrPart part;
+    part.displayWindow = box(0, 0, 63, 47);
+    part.value = constantValue(0.5);
+    const std::string full = write("full.exr", makeExr(part));
+    part.value = [](const std::string& c, int x, int y) { return x > 20 && y > 10 ? frameValue(c, x, y) + 8.0 : 0.0; };
+    const std::string bordered = write("bordered.exr", makeExr(part));
+    const std::string tile = write("tile.exr", makeExr(part));
+    const auto inode = [](const std::string& path) {
+        struct stat st {};
+        stat(path.c_str(), &st);
+        return st.st_ino;
+    };
+    const auto sizesIn = [](const std::string& text) {  // "A -> B (saves C)", the end of a report
+        return text.substr(text.rfind(", ") + 2);
+    };
+    const struct {
+        Args args;
+        const char* says;
+        const char* file;  // replaced, or made, exactly when `written`
+        bool written;
+    } cases[] = {
+        {{"crop", "--in-place", full}, "full.exr: unchanged, the crop gains nothing", "full.exr", false},
+        {{"crop", "--in-place", "--force", full}, "full.exr: part 0: data window", "full.exr", true},
+        {{"crop", full, "-o", at("copy.exr")}, "the crop gains nothing", "copy.exr", true},
+        {{"crop", "--in-place", "--dry-run", bordered}, "would write", "bordered.exr", false},
+        {{"crop", bordered, "--dry-run", "-o", at("new.exr")}, "would write", "new.exr", false},
+        {{"assemble", "--dry-run", "-o", at("new.exr"), tile}, "1 tiles would make", "new.exr", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        const ino_t before = inode(at(c.file));
+        const ProgramRun run = runKtexr(c.args);
+        EXPECT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.out.find(c.says), std::string::npos) << run.out;
+        EXPECT_EQ(inode(at(c.file)) != before, c.written);
+    }
+    // What --dry-run says would be written is what is written.
+    const std::string dry = runKtexr({"crop", bordered, "--dry-run", "-o", at("new.exr")}).out;
+    const std::string real = runKtexr({"crop", bordered, "-o", at("new.exr")}).out;
+    EXPECT_NE(sizesIn(dry).find("saves"), std::string::npos) << dry;
+    EXPECT_EQ(sizesIn(dry), sizesIn(real)) << dry << real;
+}
+
+// --in-place keeps the permissions, owner, group and extended attributes of
+// the file it replaces; one it cannot write whole, or cannot give its owner,
+// stays as it was, with no temporary file left beside it.
+TEST_F(FarmCommands, CropInPlaceKeepsOwnerAndAttributesOrLeavesTheFile)
+{
+    ExrPart part;
+    part.displayWindow = box(0, 0, 255, 191);
+    part.compression = Imf::NO_COMPRESSION;
+    part.value = [](const std::string& c, int x, int y) { return x > 9 ? frameValue(c, x, y) + 8.0 : 0.0; };
+    const std::string large = write("large.exr", makeExr(part)), kept = write("kept.exr", makeExr(part)),
+                      shared = write("shared.exr", makeExr(part));
+    ASSERT_EQ(chown(kept.c_str(), 1234, 5678), 0);
+    ASSERT_EQ(chmod(kept.c_str(), 0640), 0);
+    const bool xattrs = setxattr(kept.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
+    ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
+    const Bytes original = readFileBytes(large);
+
+    const struct {
+        std::string file;
+        rlim_t fileSizeLimit;
+        uid_t user;
+        int status;
+        const char* says;
+    } cases[] = {
+        {large, 4096, 0, 8, "large.exr"},  // the new file cannot be written whole
+        {shared, RLIM_INFINITY, 4321, 8, "owner"},
+        {kept, RLIM_INFINITY, 0, 0, "kept.exr: part 0: data window"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const ProgramRun run = runKtexr({"crop", "--in-place", c.file}, c.fileSizeLimit, c.user);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_NE((run.out + run.err).find(c.says), std::string::npos) << run.out << run.err;
+        EXPECT_EQ(readFileBytes(c.file) == original, c.status != 0);
+    }
+    // Files cropped in parallel (a race here shows under TSan).
+    const Args parallel{"crop", "--in-place", "--jobs", "3", write("p1.exr", original), write("p2.exr", original),
+                        write("p3.exr", original)};
+    EXPECT_EQ(runKtexr(parallel).status, 0);
+    for (const std::string& file : {kept, parallel[4], parallel[5], parallel[6]})
+        EXPECT_EQ(readExr(readFileBytes(file), 0, false).header.dataWindow(), box(10, 0, 255, 191)) << file;
+    for (std::size_t i = 4; i < parallel.size(); ++i) std::filesystem::remove(parallel[i]);
+    struct stat st;
+    ASSERT_EQ(stat(kept.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(st.st_uid, 1234u);
+    EXPECT_EQ(st.st_gid, 5678u);
+    char note[8] = {};
+    EXPECT_EQ(getxattr(kept.c_str(), "user.ktexr.note", note, sizeof note), xattrs ? 4 : -1);
+    EXPECT_STREQ(note, xattrs ? "keep" : "");
+    std::vector<std::string> left;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) left.push_back(e.path().filename().string());
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (std::vector<std::string>{"kept.exr", "large.exr", "shared.exr"}));
 }
 
 // ---- previews and the parallel runner ----------------------------------------

@@ -1,12 +1,14 @@
 #include "exrCopy.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <mutex>
 
 #include <OpenEXR/ImfInputPart.h>
 #include <OpenEXR/ImfMultiPartOutputFile.h>
@@ -16,6 +18,7 @@
 
 #include "exitStatus.h"
 #include "exrBands.h"
+#include "outputFile.h"
 
 namespace ktexr {
 
@@ -23,7 +26,7 @@ namespace {
 
 // The band height of an output part: whole chunks (scan-line blocks or rows
 // of tiles), about kBandBytes of samples.
-int outputBandLines(const PartLayout& part)
+int outputBandLines(const BandedPart& part)
 {
     const Imf::Header& h = part.header;
     const int chunk = h.hasTileDescription() ? static_cast<int>(h.tileDescription().ySize)
@@ -33,7 +36,7 @@ int outputBandLines(const PartLayout& part)
     return bandHeight(wide, chunk);
 }
 
-void writePart(Imf::MultiPartOutputFile& out, int index, const PartLayout& part, const BandFiller& fill)
+void writePart(Imf::MultiPartOutputFile& out, int index, const BandedPart& part, const BandFiller& fill)
 {
     const Imath::Box2i window = part.header.dataWindow();
     const int lines = outputBandLines(part);
@@ -103,40 +106,167 @@ void readLines(Imf::MultiPartInputFile& file, int part, const Imf::FrameBuffer& 
     input.readPixels(a, b);
 }
 
-void writeBanded(const std::string& path, const std::vector<PartLayout>& parts, const BandFiller& fill)
+namespace {
+
+// An OpenEXR output stream over a file descriptor, at its own position so
+// that OpenEXR can go back to fill in the offset tables.
+class DescriptorStream : public Imf::OStream {
+public:
+    DescriptorStream(int fd, const std::string& name) : Imf::OStream(name.c_str()), fd_(fd), name_(name) {}
+
+    void write(const char c[], int n) override
+    {
+        while (n > 0) {
+            const ssize_t done = ::pwrite(fd_, c, static_cast<std::size_t>(n), static_cast<off_t>(at_));
+            if (done < 0) {
+                if (errno == EINTR) continue;
+                throw Failure(exitUnwritable, name_, std::string("cannot write: ") + std::strerror(errno));
+            }
+            c += done;
+            n -= static_cast<int>(done);
+            at_ += static_cast<std::uint64_t>(done);
+        }
+        end_ = std::max(end_, at_);
+    }
+    std::uint64_t tellp() override { return at_; }
+    void seekp(std::uint64_t at) override { at_ = at; }
+    std::uint64_t size() const { return end_; }
+
+private:
+    int fd_;
+    std::string name_;
+    std::uint64_t at_ = 0, end_ = 0;
+};
+
+// Counts what would be written and keeps none of it.
+class CountingStream : public Imf::OStream {
+public:
+    CountingStream() : Imf::OStream("(size only)") {}
+    void write(const char[], int n) override
+    {
+        at_ += static_cast<std::uint64_t>(n);
+        end_ = std::max(end_, at_);
+    }
+    std::uint64_t tellp() override { return at_; }
+    void seekp(std::uint64_t at) override { at_ = at; }
+    std::uint64_t size() const { return end_; }
+
+private:
+    std::uint64_t at_ = 0, end_ = 0;
+};
+
+void writeParts(Imf::OStream& stream, const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
-    const std::string temporary = path + ".ktexr-partial-" + std::to_string(::getpid());
+    std::vector<Imf::Header> headers;
+    for (const BandedPart& part : parts) headers.push_back(part.header);
+    if (headers.size() > 1)
+        for (std::size_t i = 0; i < headers.size(); ++i) {
+            if (!headers[i].hasName()) headers[i].setName("part" + std::to_string(i));
+            if (!headers[i].hasType())
+                headers[i].setType(headers[i].hasTileDescription() ? Imf::TILEDIMAGE : Imf::SCANLINEIMAGE);
+        }
+    Imf::MultiPartOutputFile out(stream, headers.data(), static_cast<int>(headers.size()));
+    for (std::size_t i = 0; i < parts.size(); ++i) writePart(out, static_cast<int>(i), parts[i], fill);
+}
+
+// A file of our own in TMPDIR, already unlinked: nothing is left behind,
+// however the program ends.
+int privateTemporary(const std::string& forWhom)
+{
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ktexr-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    const int fd = mkostemp(name.data(), O_CLOEXEC);
+    if (fd < 0)
+        throw Failure(exitUnwritable, forWhom,
+                      "cannot make a temporary file in " + pattern.substr(0, pattern.rfind('/')) + ": " +
+                          std::strerror(errno));
+    ::unlink(name.data());
+    return fd;
+}
+
+// Copies the first `size` bytes of `fd` to `out`.
+void copyThrough(int fd, std::uint64_t size, OutputFile& out)
+{
+    std::vector<char> block(1 << 20);
+    for (std::uint64_t at = 0; at < size;) {
+        const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), size - at));
+        const ssize_t got = ::pread(fd, block.data(), want, static_cast<off_t>(at));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0)
+            throw Failure(exitUnwritable, out.path(),
+                          std::string("cannot read back the temporary file: ") +
+                              (got < 0 ? std::strerror(errno) : "it is shorter than written"));
+        out.write(block.data(), static_cast<std::size_t>(got));
+        at += static_cast<std::uint64_t>(got);
+    }
+}
+
+// OutputFile's table of temporary files for the signal handler is kept
+// without locks; files cropped in parallel take and give back their places
+// in it (opening, putting in place, discarding) one at a time.
+std::mutex outputTable;
+
+struct SharedOutput {
+    explicit SharedOutput(const std::string& path)
+    {
+        std::lock_guard<std::mutex> lock(outputTable);
+        file = std::make_unique<OutputFile>(path);
+    }
+    ~SharedOutput()
+    {
+        std::lock_guard<std::mutex> lock(outputTable);
+        file.reset();
+    }
+    void commit()
+    {
+        file->finish();  // the long flush to disk, in parallel
+        std::lock_guard<std::mutex> lock(outputTable);
+        file->commit();
+    }
+    std::unique_ptr<OutputFile> file;
+};
+
+}  // namespace
+
+std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>& parts, const BandFiller& fill)
+{
     try {
-        std::vector<Imf::Header> headers;
-        for (const PartLayout& part : parts) headers.push_back(part.header);
-        if (headers.size() > 1)
-            for (std::size_t i = 0; i < headers.size(); ++i) {
-                if (!headers[i].hasName()) headers[i].setName("part" + std::to_string(i));
-                if (!headers[i].hasType())
-                    headers[i].setType(headers[i].hasTileDescription() ? Imf::TILEDIMAGE : Imf::SCANLINEIMAGE);
+        SharedOutput shared(path);
+        OutputFile* out = shared.file.get();
+        std::uint64_t size = 0;
+        if (out->direct()) {
+            const int fd = privateTemporary(path);
+            try {
+                DescriptorStream stream(fd, path);
+                writeParts(stream, parts, fill);
+                size = stream.size();
+                copyThrough(fd, size, *out);
+            } catch (...) {
+                ::close(fd);
+                throw;
             }
-        {
-            Imf::MultiPartOutputFile out(temporary.c_str(), headers.data(), static_cast<int>(headers.size()));
-            for (std::size_t i = 0; i < parts.size(); ++i) writePart(out, static_cast<int>(i), parts[i], fill);
+            ::close(fd);
+        } else {
+            DescriptorStream stream(out->descriptor(), path);
+            writeParts(stream, parts, fill);
+            size = stream.size();
         }
-        // A file replaced keeps its permissions and, where allowed, its owner.
-        struct stat existing {};
-        if (::stat(path.c_str(), &existing) == 0) {
-            ::chmod(temporary.c_str(), existing.st_mode & 07777);
-            if (::chown(temporary.c_str(), existing.st_uid, existing.st_gid) != 0) {
-                // Not the owner: the new file is the user's, as any file they write.
-            }
-        }
-        std::error_code error;
-        std::filesystem::rename(temporary, path, error);
-        if (error) throw Failure(exitUnwritable, path, "cannot be written: " + error.message());
+        shared.commit();
+        return size;
     } catch (const Failure&) {
-        std::remove(temporary.c_str());
         throw;
     } catch (const std::exception& e) {
-        std::remove(temporary.c_str());
         throw Failure(exitUnwritable, path, std::string("cannot be written: ") + e.what());
     }
+}
+
+std::uint64_t bandedSize(const std::vector<BandedPart>& parts, const BandFiller& fill)
+{
+    CountingStream stream;
+    writeParts(stream, parts, fill);
+    return stream.size();
 }
 
 }  // namespace ktexr

@@ -4,6 +4,7 @@
 // each band come from. Crop and assembly are built on this.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,15 +19,23 @@ namespace ktexr {
 // frame buffer (absolute pixel addressing; zero where no source has data).
 using BandFiller = std::function<void(int part, const Imf::FrameBuffer& buffer, int y0, int y1)>;
 
-struct PartLayout {
+struct BandedPart {
     Imf::Header header;  // as written: the source's header with the new data window
     int bandMinX = 0;    // the columns the band buffer spans: the new data
     int bandMaxX = -1;   // window's and every source's that is read into it
 };
 
-// Writes `path` (through a temporary file renamed into place only once it is
-// complete) with these parts. Throws a Failure naming the file.
-void writeBanded(const std::string& path, const std::vector<PartLayout>& parts, const BandFiller& fill);
+// Writes `path` with these parts through OutputFile: a regular file is
+// written beside its place and renamed there once complete (keeping the
+// permissions, owner, group and extended attributes of the file it
+// replaces); standard output ("-"), a pipe or a character device gets the
+// file straight through, made first in a private temporary file (TMPDIR),
+// since OpenEXR goes back to fill in its offset tables. Throws a Failure
+// naming the file. Returns the size of the file written.
+std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>& parts, const BandFiller& fill);
+
+// The size the file writeBanded would write, without writing it anywhere.
+std::uint64_t bandedSize(const std::vector<BandedPart>& parts, const BandFiller& fill);
 
 // Headers that can be written again unchanged but for the data window:
 // chunk counts and other bookkeeping OpenEXR redoes are removed. Deep and

@@ -168,6 +168,8 @@ int FarmCommands::runCrop(const CropOptions& options) const
     lossless.sameWindow = sameWindow_;
     lossless.jobs = cropJobs_;
     lossless.quiet = quiet_;
+    lossless.dryRun = options.dryRun;
+    lossless.force = options.force;
     return runLosslessCrop(lossless);
 }
 
@@ -179,6 +181,7 @@ int FarmCommands::runAssemble(const AssembleOptions& options) const
     lossless.checkOnly = options.checkOnly;
     lossless.allowGaps = options.allowGaps;
     lossless.quiet = quiet_;
+    lossless.dryRun = options.dryRun;
     return runLosslessAssemble(lossless);
 }
 

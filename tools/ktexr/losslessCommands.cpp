@@ -16,6 +16,7 @@
 #include "exrCopy.h"
 #include "fileIo.h"
 #include "losslessCommands.h"
+#include "outputFile.h"
 #include "tileCheck.h"
 
 namespace ktexr {
@@ -98,12 +99,12 @@ double share(const Imath::Box2i& part, const Imath::Box2i& whole)
 std::string cropOne(const std::string& input, const std::string& output, const LosslessCropOptions& options)
 {
     auto file = openExr(input);
-    std::vector<PartLayout> parts;
+    std::vector<BandedPart> parts;
     std::vector<Imath::Box2i> windows;
     std::vector<bool> empty;
     for (int p = 0; p < file->parts(); ++p) {
         const Imf::Header& header = file->header(p);
-        PartLayout layout{copyableHeader(header, input, p), 0, -1};
+        BandedPart layout{copyableHeader(header, input, p), 0, -1};
         const Imath::Box2i window = header.dataWindow();
         Imath::Box2i cut;
         if (options.undo) {
@@ -128,9 +129,11 @@ std::string cropOne(const std::string& input, const std::string& output, const L
         if (!all.isEmpty())
             for (Imath::Box2i& w : windows) w = all;
     }
+    bool gains = false;
     std::string report = input + ":";
     for (std::size_t p = 0; p < parts.size(); ++p) {
         const Imf::Header& source = file->header(static_cast<int>(p));
+        gains = gains || windows[p] != source.dataWindow();
         parts[p].header.dataWindow() = windows[p];
         parts[p].bandMinX = std::min(windows[p].min.x, source.dataWindow().min.x);
         parts[p].bandMaxX = std::max(windows[p].max.x, source.dataWindow().max.x);
@@ -141,22 +144,43 @@ std::string cropOne(const std::string& input, const std::string& output, const L
                       boxText(windows[p]).c_str(), share(windows[p], source.displayWindow()));
         report += line;
     }
-    writeBanded(output, parts, [&](int part, const Imf::FrameBuffer& buffer, int y0, int y1) {
+    const BandFiller fill = [&](int part, const Imf::FrameBuffer& buffer, int y0, int y1) {
         readSource(*file, input, part, buffer, y0, y1);
-    });
-    return report + (output == input ? "" : " -> " + output);
+    };
+    const unsigned long long before = InputFile(input).size();
+    const auto sizes = [before](unsigned long long after) {
+        const unsigned long long saved = before >= after ? before - after : after - before;
+        return humanSize(before) + " -> " + humanSize(after) + " (" + (before >= after ? "saves " : "adds ") +
+               humanSize(saved) + ")";
+    };
+    const std::string nothingGained = "the crop gains nothing: every data window stays as it is";
+    if (options.inPlace && !gains && !options.force)
+        return input + ": unchanged, " + nothingGained + "; --force rewrites it";
+    if (options.dryRun)
+        return report + "\n would write " + (output.empty() ? "a new file (no -o or --in-place given)" : output) + ", " +
+               sizes(bandedSize(parts, fill)) + (gains ? "" : "; " + nothingGained);
+    const std::uint64_t written = writeBanded(output, parts, fill);
+    return report + (output == input ? "" : " -> " + output) + ", " + sizes(written) +
+           (gains ? "" : "\n " + nothingGained + " (written as asked)");
 }
 
 }  // namespace
 
 int runLosslessCrop(const LosslessCropOptions& options)
 {
-    if (options.inPlace == !options.output.empty())
+    if (options.inPlace == !options.output.empty() && !(options.dryRun && !options.inPlace))
         return report(Failure(exitUsage, "", "crop needs exactly one of -o OUT and --in-place"));
     if (!options.output.empty() && options.files.size() != 1)
         return report(Failure(exitUsage, "", "-o OUT takes one input file; use --in-place for several"));
-    if (!options.output.empty() && options.output == options.files[0])
-        return report(Failure(exitUsage, options.output, "is the input; use --in-place to replace it"));
+    if (!options.inPlace) {
+        try {
+            refuseInputAsOutput(options.output, options.files);
+        } catch (const Failure& failure) {
+            return report(failure);
+        }
+    }
+    // The report stays off standard output when the file goes there.
+    std::FILE* say = options.inPlace ? stdout : reportStream(options.output);
     std::vector<std::string> lines(options.files.size());
     std::vector<ExitStatus> statuses(options.files.size(), exitOk);
     std::vector<Failure> failures(options.files.size(), Failure(exitOk, "", ""));
@@ -177,9 +201,9 @@ int runLosslessCrop(const LosslessCropOptions& options)
             progress.finish();
             if (statuses[i] != exitOk)
                 status.note(report(failures[i]));
-            else if (!options.quiet)
-                std::printf("%s\n", lines[i].c_str());
-            std::fflush(stdout);
+            else if (!options.quiet || options.dryRun)
+                std::fprintf(say, "%s\n", lines[i].c_str());
+            std::fflush(say);
             progress.advance();
         });
     return status.result();
@@ -190,8 +214,7 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
     try {
         if (!options.checkOnly && options.output.empty())
             throw Failure(exitUsage, "", "assemble needs -o OUT (or --check)");
-        for (const std::string& tile : options.tiles)
-            if (tile == options.output) throw Failure(exitUsage, tile, "is one of the tiles; choose another output");
+        if (!options.checkOnly) refuseInputAsOutput(options.output, options.tiles);
         std::vector<std::unique_ptr<Imf::MultiPartInputFile>> files;
         for (const std::string& tile : options.tiles) files.push_back(openExr(tile));
         const Imf::MultiPartInputFile& first = *files[0];
@@ -216,7 +239,7 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
                     problems.push_back({options.tiles[t], where + "not the first tile's part name"});
             }
         }
-        std::vector<PartLayout> parts;
+        std::vector<BandedPart> parts;
         long long uncovered = 0;
         for (int p = 0; p < first.parts() && problems.empty(); ++p) {
             std::vector<TileWindows> windows;
@@ -237,7 +260,7 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
                 }
                 uncovered += check.uncoveredPixels;
             }
-            PartLayout layout{copyableHeader(first.header(p), options.tiles[0], p), all.min.x, all.max.x};
+            BandedPart layout{copyableHeader(first.header(p), options.tiles[0], p), all.min.x, all.max.x};
             layout.header.dataWindow() = all;
             parts.push_back(layout);
         }
@@ -254,18 +277,21 @@ int runLosslessAssemble(const LosslessAssembleOptions& options)
             return exitOk;
         }
         Progress progress(parts.size() * files.size(), "tile parts", options.quiet || files.size() < 8);
-        writeBanded(options.output, parts, [&](int part, const Imf::FrameBuffer& buffer, int y0, int y1) {
+        const BandFiller fill = [&](int part, const Imf::FrameBuffer& buffer, int y0, int y1) {
             for (std::size_t t = 0; t < files.size(); ++t) {
                 const Imath::Box2i w = files[t]->header(part).dataWindow();
                 if (w.max.y < y0 || w.min.y > y1) continue;
                 readSource(*files[t], options.tiles[t], part, buffer, y0, y1);
                 if (w.max.y <= y1) progress.advance();
             }
-        });
+        };
+        const std::uint64_t size = options.dryRun ? bandedSize(parts, fill) : writeBanded(options.output, parts, fill);
         progress.finish();
-        if (!options.quiet)
-            std::printf("%zu tiles -> %s, %zu part%s, data window %s\n", files.size(), options.output.c_str(),
-                        parts.size(), parts.size() == 1 ? "" : "s", boxText(parts[0].header.dataWindow()).c_str());
+        if (!options.quiet || options.dryRun)
+            std::fprintf(reportStream(options.output), "%zu tiles %s %s, %zu part%s, data window %s, %s\n",
+                         files.size(), options.dryRun ? "would make" : "->", options.output.c_str(), parts.size(),
+                         parts.size() == 1 ? "" : "s", boxText(parts[0].header.dataWindow()).c_str(),
+                         humanSize(size).c_str());
         return exitOk;
     } catch (const Failure& failure) {
         return report(failure);

@@ -17,6 +17,8 @@ struct LosslessCropOptions {
     bool sameWindow = false; // one window for all parts
     unsigned jobs = 0;       // 0: one per core
     bool quiet = false;
+    bool dryRun = false;     // only say what would be written and the bytes saved
+    bool force = false;      // --in-place: rewrite a file the crop gains nothing on
 };
 // Cuts every part of each file to the box of its pixels that are not zero.
 int runLosslessCrop(const LosslessCropOptions& options);
@@ -27,6 +29,7 @@ struct LosslessAssembleOptions {
     bool checkOnly = false;
     bool allowGaps = false;
     bool quiet = false;
+    bool dryRun = false;     // only say what would be written
 };
 // Places each tile's parts by their data windows into one frame.
 int runLosslessAssemble(const LosslessAssembleOptions& options);

@@ -42,6 +42,10 @@ public:
     // is no temporary file to read back and nothing to rename.
     bool direct() const { return direct_; }
     const std::string& temporaryPath() const { return temporary_; }
+    // The open file written to, for writers that need more than write():
+    // the temporary file (which can also be sought in) or, when direct(),
+    // what is written through. -1 once finished.
+    int descriptor() const { return fd_; }
 
 private:
     void discard();
