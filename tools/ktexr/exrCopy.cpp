@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include <OpenEXR/ImfInputPart.h>
 #include <OpenEXR/ImfMultiPartOutputFile.h>
@@ -203,57 +202,31 @@ void copyThrough(int fd, std::uint64_t size, OutputFile& out)
     }
 }
 
-// OutputFile's table of temporary files for the signal handler is kept
-// without locks; files cropped in parallel take and give back their places
-// in it (opening, putting in place, discarding) one at a time.
-std::mutex outputTable;
-
-struct SharedOutput {
-    explicit SharedOutput(const std::string& path)
-    {
-        std::lock_guard<std::mutex> lock(outputTable);
-        file = std::make_unique<OutputFile>(path);
-    }
-    ~SharedOutput()
-    {
-        std::lock_guard<std::mutex> lock(outputTable);
-        file.reset();
-    }
-    void commit()
-    {
-        file->finish();  // the long flush to disk, in parallel
-        std::lock_guard<std::mutex> lock(outputTable);
-        file->commit();
-    }
-    std::unique_ptr<OutputFile> file;
-};
-
 }  // namespace
 
 std::uint64_t writeBanded(const std::string& path, const std::vector<BandedPart>& parts, const BandFiller& fill)
 {
     try {
-        SharedOutput shared(path);
-        OutputFile* out = shared.file.get();
+        OutputFile out(path);
         std::uint64_t size = 0;
-        if (out->direct()) {
+        if (out.direct()) {
             const int fd = privateTemporary(path);
             try {
                 DescriptorStream stream(fd, path);
                 writeParts(stream, parts, fill);
                 size = stream.size();
-                copyThrough(fd, size, *out);
+                copyThrough(fd, size, out);
             } catch (...) {
                 ::close(fd);
                 throw;
             }
             ::close(fd);
         } else {
-            DescriptorStream stream(out->descriptor(), path);
+            DescriptorStream stream(out.descriptor(), path);
             writeParts(stream, parts, fill);
             size = stream.size();
         }
-        shared.commit();
+        out.commit();
         return size;
     } catch (const Failure&) {
         throw;

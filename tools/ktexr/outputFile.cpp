@@ -7,6 +7,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -19,19 +20,25 @@ namespace {
 
 std::string errorText(int error) { return std::strerror(error); }
 
-// Temporary files of unfinished writes, for the signal handler. Slots are
-// claimed and released by OutputFile; the handler only reads them.
-constexpr int kCleanupSlots = 8;
+// Temporary files of unfinished writes, for the signal handler. Files are
+// written from several threads at once (crop --jobs), so a slot is claimed
+// with a compare-and-swap: free -> being filled -> ready. The handler only
+// reads ready slots; lock-free atomics are safe to read in a handler. A write
+// that finds no free slot is still made, only not cleaned up on a signal.
+constexpr int kCleanupSlots = 256;
+enum : int { slotFree, slotFilling, slotReady };
 char cleanupPaths[kCleanupSlots][PATH_MAX];
-volatile sig_atomic_t cleanupUsed[kCleanupSlots];
+std::atomic<int> cleanupState[kCleanupSlots];
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler reads the slots");
 
 int claimCleanupSlot(const std::string& path)
 {
     if (path.size() >= PATH_MAX) return -1;
     for (int i = 0; i < kCleanupSlots; ++i) {
-        if (cleanupUsed[i]) continue;
+        int expected = slotFree;
+        if (!cleanupState[i].compare_exchange_strong(expected, slotFilling)) continue;
         std::memcpy(cleanupPaths[i], path.c_str(), path.size() + 1);
-        cleanupUsed[i] = 1;
+        cleanupState[i].store(slotReady);
         return i;
     }
     return -1;
@@ -39,13 +46,13 @@ int claimCleanupSlot(const std::string& path)
 
 void releaseCleanupSlot(int slot)
 {
-    if (slot >= 0) cleanupUsed[slot] = 0;
+    if (slot >= 0) cleanupState[slot].store(slotFree);
 }
 
 extern "C" void removeTemporariesAndDie(int signalNumber)
 {
     for (int i = 0; i < kCleanupSlots; ++i)
-        if (cleanupUsed[i]) unlink(cleanupPaths[i]);
+        if (cleanupState[i].load() == slotReady) unlink(cleanupPaths[i]);
     signal(signalNumber, SIG_DFL);
     raise(signalNumber);
 }
