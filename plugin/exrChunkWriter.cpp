@@ -24,7 +24,7 @@ namespace {
 
 // Lines compressed ahead of the writer for each thread at work: enough to
 // keep them busy, few enough that the memory stays small.
-constexpr int kLinesPerThread = 16;
+constexpr int kLinesPerThread = 6;
 
 struct CompressorFree {
     void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
