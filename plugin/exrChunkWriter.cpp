@@ -223,21 +223,36 @@ public:
             }
         } stopOnExit{*this};
         std::unique_ptr<LineCompressor> own;
+        auto compressOwn = [&](int line) {
+            if (!own) own = std::make_unique<LineCompressor>(level, width, row);
+            own->compress(firstY + line, slots[slot(line)]);
+        };
         for (int line = 0; line < lines; ++line) {
-            bool mine = false;
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                if (taken == line) {
-                    mine = true;
-                    ++taken;
-                } else {
-                    changed.wait(lock, [&] { return failed || done[slot(line)] != 0; });
+            // Rather than sleep while a helper finishes this line, the writer
+            // compresses the next one nobody has taken yet.
+            for (;;) {
+                int ahead = -1;
+                {
+                    std::unique_lock<std::mutex> lock(mutex);
                     if (failed) return false;
+                    if (taken == line) {
+                        ++taken;
+                        lock.unlock();
+                        compressOwn(line);
+                        break;
+                    }
+                    if (done[slot(line)] != 0) break;
+                    if (taken < lines && taken < written + window) {
+                        ahead = taken++;
+                    } else {
+                        changed.wait(lock, [&] { return failed || done[slot(line)] != 0; });
+                        if (failed) return false;
+                        break;
+                    }
                 }
-            }
-            if (mine) {
-                if (!own) own = std::make_unique<LineCompressor>(level, width, row);
-                own->compress(firstY + line, slots[slot(line)]);
+                compressOwn(ahead);
+                std::lock_guard<std::mutex> lock(mutex);
+                done[slot(ahead)] = 1;
             }
             put(line, slots[slot(line)]);
             std::lock_guard<std::mutex> lock(mutex);
