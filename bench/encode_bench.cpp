@@ -5,8 +5,9 @@
 //
 // After the Google Benchmark runs the program measures, in alternation so
 // that both sides share the machine's load:
-//   - the median ratio plug-in / OpenEXR per export (target <= 0.45), and the
-//     file sizes (target <= 1.01 times OpenEXR's);
+//   - the median ratio plug-in / OpenEXR per export (target <= 0.45), in
+//     wall time and in the process's processor time (which other programs'
+//     load cannot blur), and the file sizes (target <= 1.01 times OpenEXR's);
 //   - the crop search alone against the encode (target < 5 %), on the
 //     benchmark image and on the worst case, a single pixel in the centre,
 //     which makes the search read the whole buffer;
@@ -282,8 +283,8 @@ void pairedRatios()
 {
     std::printf("\nPaired runs, %d pairs, Imf::globalThreadCount %d, %d x %d fully occupied:\n", kPairs,
                 Imf::globalThreadCount(), kWidth, kHeight);
-    std::printf("  %-12s %12s %12s %8s %6s %10s %10s %12s %10s %12s %10s\n", "export", "plug-in ms", "OpenEXR ms", "ratio",
-                "", "size", "cpu ratio", "crop ms", "crop %", "worst crop", "worst %");
+    std::printf("  %-12s %12s %12s %8s %6s %10s %10s %6s %12s %10s %12s %10s\n", "export", "plug-in ms", "OpenEXR ms",
+                "ratio", "", "size", "cpu ratio", "", "crop ms", "crop %", "worst crop", "worst %");
     std::vector<double> worst = {worstCropSeconds(makeImage<ktP::_imgRGBABuffer8>(kWidth, kHeight)),
                                  worstCropSeconds(makeImage<ktP::_imgRGBABuffer16>(kWidth, kHeight)),
                                  worstCropSeconds(makeImage<ktP::_imgRGBABufferf>(kWidth, kHeight))};
@@ -305,10 +306,11 @@ void pairedRatios()
         const double pluginBytes = static_cast<double>(images().file->fileSize);
         writeWithOpenExr(c.halves(), *images().file);
         const double size = pluginBytes / static_cast<double>(images().file->fileSize);
-        const double mp = kt::bench::median(plugin), mr = kt::bench::median(ratio);
+        const double mp = kt::bench::median(plugin), mr = kt::bench::median(ratio), mc = kt::bench::median(cpuRatio);
         const bool ok = mr <= 0.45 && size <= 1.01;
-        std::printf("  %-12s %12.1f %12.1f %8.3f %6s %10.4f %10.3f %12.4f %9.4f%% %11.2fms %9.2f%%\n", c.name, mp * 1e3,
-                    kt::bench::median(exr) * 1e3, mr, ok ? "ok" : "OVER", size, kt::bench::median(cpuRatio),
+        const bool cpuOk = mc <= 0.45 && size <= 1.01;
+        std::printf("  %-12s %12.1f %12.1f %8.3f %6s %10.4f %10.3f %6s %12.4f %9.4f%% %11.2fms %9.2f%%\n", c.name, mp * 1e3,
+                    kt::bench::median(exr) * 1e3, mr, ok ? "ok" : "OVER", size, mc, cpuOk ? "ok" : "OVER",
                     kt::bench::median(crop) * 1e3,
                     100.0 * kt::bench::median(crop) / mp, worst[which] * 1e3, 100.0 * worst[which] / mp);
     }

@@ -22,12 +22,9 @@ namespace kt {
 
 namespace {
 
-// Files no larger than OpenEXR's own zlib setting gives (a lower level loses that
-// on 8-bit renders), in a third of its time.
-constexpr int kDeflateLevel = 6;
 // Lines compressed ahead of the writer for each thread at work: enough to
 // keep them busy, few enough that the memory stays small.
-constexpr int kLinesPerThread = 16;
+constexpr int kLinesPerThread = 6;
 
 struct CompressorFree {
     void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
@@ -68,58 +65,87 @@ bool usesLongNames(const Imf::Header& header)
     return false;
 }
 
-// The even-numbered bytes of `in` first, then the odd-numbered ones, each
-// stored as its difference to the byte before it plus 128 (modulo 256): the
-// arrangement deflate compresses best, and the one the readers undo.
-void splitAndDifference(const unsigned char* in, std::size_t count, unsigned char* out)
+// A line's halves as OpenEXR stores them before compression: the channels in
+// name order (A, B, G, R), each a run of little-endian values.
+void channelRuns(const Imf::Rgba* pixels, std::size_t width, unsigned char* raw)
 {
-    const std::size_t evens = (count + 1) / 2;
-    unsigned char* even = out;
-    unsigned char* odd = out + evens;
-    std::size_t i = 0;
-    const __m128i low = _mm_set1_epi16(0x00FF);
-    for (; i + 16 <= count / 2; i += 16) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 2 * i));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 2 * i + 16));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(even + i),
-                         _mm_packus_epi16(_mm_and_si128(a, low), _mm_and_si128(b, low)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(odd + i),
-                         _mm_packus_epi16(_mm_srli_epi16(a, 8), _mm_srli_epi16(b, 8)));
+    unsigned char* const to[4] = {raw, raw + 2 * width, raw + 4 * width, raw + 6 * width};
+    for (std::size_t x = 0; x < width; ++x) {
+        const Imf::Rgba& p = pixels[x];
+        const std::uint16_t v[4] = {p.a.bits(), p.b.bits(), p.g.bits(), p.r.bits()};
+        for (int c = 0; c < 4; ++c) {
+            to[c][2 * x] = static_cast<unsigned char>(v[c]);
+            to[c][2 * x + 1] = static_cast<unsigned char>(v[c] >> 8);
+        }
     }
-    for (; i < count / 2; ++i) {
-        even[i] = in[2 * i];
-        odd[i] = in[2 * i + 1];
+}
+
+// What deflate is given: the even-numbered bytes of the channel runs first,
+// then the odd-numbered ones -- that is, the low bytes of every half (A, B,
+// G, R in turn), then their high bytes -- each stored as its difference to
+// the byte before it plus 128 (modulo 256). Built straight from the pixels,
+// eight at a time, without the runs in between.
+void predictedBytes(const Imf::Rgba* pixels, std::size_t width, unsigned char* out)
+{
+    unsigned char* const low[4] = {out, out + width, out + 2 * width, out + 3 * width};
+    unsigned char* const high[4] = {out + 4 * width, out + 5 * width, out + 6 * width, out + 7 * width};
+    const __m128i lowByte = _mm_set1_epi16(0x00FF);
+    std::size_t x = 0;
+    for (; x + 8 <= width; x += 8) {
+        // Eight pixels of R, G, B, A halves, turned into one register per channel.
+        const auto* in = reinterpret_cast<const __m128i*>(pixels + x);
+        const __m128i p0 = _mm_loadu_si128(in), p1 = _mm_loadu_si128(in + 1);
+        const __m128i p2 = _mm_loadu_si128(in + 2), p3 = _mm_loadu_si128(in + 3);
+        const __m128i t0 = _mm_unpacklo_epi16(p0, p1), t1 = _mm_unpackhi_epi16(p0, p1);
+        const __m128i t2 = _mm_unpacklo_epi16(p2, p3), t3 = _mm_unpackhi_epi16(p2, p3);
+        const __m128i rg0 = _mm_unpacklo_epi16(t0, t1), ba0 = _mm_unpackhi_epi16(t0, t1);
+        const __m128i rg1 = _mm_unpacklo_epi16(t2, t3), ba1 = _mm_unpackhi_epi16(t2, t3);
+        const __m128i channel[4] = {_mm_unpackhi_epi64(ba0, ba1), _mm_unpacklo_epi64(ba0, ba1),
+                                    _mm_unpackhi_epi64(rg0, rg1), _mm_unpacklo_epi64(rg0, rg1)};
+        for (int c = 0; c < 4; ++c) {
+            const __m128i lows = _mm_packus_epi16(_mm_and_si128(channel[c], lowByte), _mm_setzero_si128());
+            const __m128i highs = _mm_packus_epi16(_mm_srli_epi16(channel[c], 8), _mm_setzero_si128());
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(low[c] + x), lows);
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(high[c] + x), highs);
+        }
     }
-    if (count % 2) even[evens - 1] = in[count - 1];
+    for (; x < width; ++x) {
+        const Imf::Rgba& p = pixels[x];
+        const std::uint16_t v[4] = {p.a.bits(), p.b.bits(), p.g.bits(), p.r.bits()};
+        for (int c = 0; c < 4; ++c) {
+            low[c][x] = static_cast<unsigned char>(v[c]);
+            high[c][x] = static_cast<unsigned char>(v[c] >> 8);
+        }
+    }
 
     // Differences, sixteen at a time: each block against itself shifted by
     // one byte, with the last byte of the block before in front. The first
     // byte keeps its value (its "previous byte" is taken as 128).
+    const std::size_t count = 8 * width;
     const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
     __m128i before = _mm_set1_epi8(static_cast<char>(0x80));  // only its top byte is used
     std::size_t k = 0;
     for (; k + 16 <= count; k += 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + k));
-        const __m128i previous = _mm_or_si128(_mm_slli_si128(x, 1), _mm_srli_si128(before, 15));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + k), _mm_add_epi8(_mm_sub_epi8(x, previous), bias));
-        before = x;
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + k));
+        const __m128i previous = _mm_or_si128(_mm_slli_si128(v, 1), _mm_srli_si128(before, 15));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + k), _mm_add_epi8(_mm_sub_epi8(v, previous), bias));
+        before = v;
     }
     unsigned char previous = static_cast<unsigned char>(_mm_extract_epi16(before, 7) >> 8);
     for (; k < count; ++k) {
-        const unsigned char x = out[k];
-        out[k] = static_cast<unsigned char>(x - previous + 128);
-        previous = x;
+        const unsigned char v = out[k];
+        out[k] = static_cast<unsigned char>(v - previous + 128);
+        previous = v;
     }
 }
 
-// Turns line y into its stored bytes: the halves in channel order (A, B, G,
-// R, each a run of little-endian values), split and differenced, deflated;
-// or as they are when deflating does not make them smaller.
+// Turns line y into its stored bytes: the predicted bytes deflated, or the
+// channel runs as they are when deflating does not make them smaller.
 class LineCompressor {
 public:
-    LineCompressor(int width, const std::function<void(int, Imf::Rgba*)>& row)
-        : deflater(libdeflate_alloc_compressor(kDeflateLevel)), row(row), pixels(static_cast<std::size_t>(width)),
-          raw(pixels.size() * 8), split(raw.size())
+    LineCompressor(int level, int width, const std::function<void(int, Imf::Rgba*)>& row)
+        : deflater(libdeflate_alloc_compressor(level)), row(row), pixels(static_cast<std::size_t>(width)),
+          predicted(pixels.size() * 8)
     {
         if (!deflater) throw std::bad_alloc();
     }
@@ -127,22 +153,12 @@ public:
     void compress(int y, std::vector<unsigned char>& stored)
     {
         row(y, pixels.data());
-        const std::size_t width = pixels.size();
-        unsigned char* const to[4] = {raw.data(), raw.data() + 2 * width, raw.data() + 4 * width, raw.data() + 6 * width};
-        for (std::size_t x = 0; x < width; ++x) {
-            const Imf::Rgba& p = pixels[x];
-            const std::uint16_t v[4] = {p.a.bits(), p.b.bits(), p.g.bits(), p.r.bits()};
-            for (int c = 0; c < 4; ++c) {
-                to[c][2 * x] = static_cast<unsigned char>(v[c]);
-                to[c][2 * x + 1] = static_cast<unsigned char>(v[c] >> 8);
-            }
-        }
-        splitAndDifference(raw.data(), raw.size(), split.data());
-        stored.resize(raw.size());
-        const std::size_t packed =
-            libdeflate_zlib_compress(deflater.get(), split.data(), split.size(), stored.data(), raw.size() - 1);
+        predictedBytes(pixels.data(), pixels.size(), predicted.data());
+        stored.resize(predicted.size());
+        const std::size_t packed = libdeflate_zlib_compress(deflater.get(), predicted.data(), predicted.size(),
+                                                            stored.data(), stored.size() - 1);
         if (packed == 0)
-            stored = raw;
+            channelRuns(pixels.data(), pixels.size(), stored.data());
         else
             stored.resize(packed);
     }
@@ -151,7 +167,7 @@ private:
     Compressor deflater;
     const std::function<void(int, Imf::Rgba*)>& row;
     std::vector<Imf::Rgba> pixels;
-    std::vector<unsigned char> raw, split;
+    std::vector<unsigned char> predicted;
 };
 
 // Lines in flight between the compressing threads and the one writing: each
@@ -160,8 +176,8 @@ private:
 // compresses a line itself when nobody has taken it yet.
 class LinePipeline {
 public:
-    LinePipeline(int firstY, int lines, int window, int width, const std::function<void(int, Imf::Rgba*)>& row)
-        : firstY(firstY), lines(lines), window(window), width(width), row(row), slots(static_cast<std::size_t>(window)),
+    LinePipeline(int firstY, int lines, int window, int level, int width, const std::function<void(int, Imf::Rgba*)>& row)
+        : firstY(firstY), lines(lines), window(window), level(level), width(width), row(row), slots(static_cast<std::size_t>(window)),
           done(static_cast<std::size_t>(window), 0)
     {
     }
@@ -170,7 +186,7 @@ public:
     void help()
     {
         try {
-            LineCompressor compressor(width, row);
+            LineCompressor compressor(level, width, row);
             for (;;) {
                 int line = 0;
                 {
@@ -207,21 +223,36 @@ public:
             }
         } stopOnExit{*this};
         std::unique_ptr<LineCompressor> own;
+        auto compressOwn = [&](int line) {
+            if (!own) own = std::make_unique<LineCompressor>(level, width, row);
+            own->compress(firstY + line, slots[slot(line)]);
+        };
         for (int line = 0; line < lines; ++line) {
-            bool mine = false;
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                if (taken == line) {
-                    mine = true;
-                    ++taken;
-                } else {
-                    changed.wait(lock, [&] { return failed || done[slot(line)] != 0; });
+            // Rather than sleep while a helper finishes this line, the writer
+            // compresses the next one nobody has taken yet.
+            for (;;) {
+                int ahead = -1;
+                {
+                    std::unique_lock<std::mutex> lock(mutex);
                     if (failed) return false;
+                    if (taken == line) {
+                        ++taken;
+                        lock.unlock();
+                        compressOwn(line);
+                        break;
+                    }
+                    if (done[slot(line)] != 0) break;
+                    if (taken < lines && taken < written + window) {
+                        ahead = taken++;
+                    } else {
+                        changed.wait(lock, [&] { return failed || done[slot(line)] != 0; });
+                        if (failed) return false;
+                        break;
+                    }
                 }
-            }
-            if (mine) {
-                if (!own) own = std::make_unique<LineCompressor>(width, row);
-                own->compress(firstY + line, slots[slot(line)]);
+                compressOwn(ahead);
+                std::lock_guard<std::mutex> lock(mutex);
+                done[slot(ahead)] = 1;
             }
             put(line, slots[slot(line)]);
             std::lock_guard<std::mutex> lock(mutex);
@@ -235,7 +266,7 @@ public:
 private:
     std::size_t slot(int line) const { return static_cast<std::size_t>(line % window); }
 
-    const int firstY, lines, window, width;
+    const int firstY, lines, window, level, width;
     const std::function<void(int, Imf::Rgba*)>& row;
     std::vector<std::vector<unsigned char>> slots;
     std::mutex mutex;
@@ -247,7 +278,7 @@ private:
 
 }  // namespace
 
-ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& header, int threads,
+ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& header, int threads, int level,
                                       const std::function<void(int y, Imf::Rgba* pixels)>& row)
 {
     const Imath::Box2i window = header.dataWindow();
@@ -280,7 +311,7 @@ ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& head
 
     try {
         const int helpers = std::max(threads, 0);
-        LinePipeline pipeline(window.min.y, height, (helpers + 1) * kLinesPerThread, width, row);
+        LinePipeline pipeline(window.min.y, height, (helpers + 1) * kLinesPerThread, level, width, row);
         bool complete = false;
         exrRunBeside(
             helpers, [&pipeline] { pipeline.help(); },

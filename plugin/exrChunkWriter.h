@@ -26,9 +26,11 @@ enum class ExrWriteOutcome {
 // window, whose halves `row(y, pixels)` provides (pixels has room for the
 // window's width; `row` is called from several threads at once, for
 // different lines). Finally seeks back to fill in the offset table.
-// `threads` pool tasks help the calling thread. Throws nothing itself;
-// exceptions of `out` end the write with the outcome of the phase they came in.
+// `threads` pool tasks help the calling thread; `level` is libdeflate's
+// compression level (1 to 12). Throws nothing itself; exceptions of `out`
+// end the write with the outcome of the phase they came in.
 ExrWriteOutcome exrWriteRgbaZipsLines(OPENEXR_IMF_NAMESPACE::OStream& out, const OPENEXR_IMF_NAMESPACE::Header& header,
-                                      int threads, const std::function<void(int y, OPENEXR_IMF_NAMESPACE::Rgba* pixels)>& row);
+                                      int threads, int level,
+                                      const std::function<void(int y, OPENEXR_IMF_NAMESPACE::Rgba* pixels)>& row);
 
 }  // namespace kt
