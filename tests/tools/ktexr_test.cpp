@@ -501,6 +501,7 @@ TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
     ASSERT_EQ(symlink(at("null").c_str(), at("stdout").c_str()), 0);  // as /dev/stdout is a link
     ASSERT_EQ(symlink(png.c_str(), at("png-link.png").c_str()), 0);
     ASSERT_EQ(symlink(source.c_str(), at("exr-link.exr").c_str()), 0);
+    ASSERT_EQ(symlink(source.c_str(), at("exr-link.png").c_str()), 0);
     const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -520,6 +521,7 @@ TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
         {{"encode", png, "-o", at("png-link.png")}, 9, "png-link.png", S_IFLNK},
         {{"crop", source, "-o", at("exr-link.exr")}, 9, "exr-link.exr", S_IFLNK},
         {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},  // only --in-place replaces its input
+        {{"decode", source, "-o", at("exr-link.png"), "--srgb"}, 9, "exr-link.png", S_IFLNK},
         {{"assemble", "-o", tile[0], tile[0]}, 9, "tile1.exr", S_IFREG},
     };
     for (const auto& c : cases) {

@@ -8,8 +8,10 @@
 
 #include "commands.h"
 #include "contactSheet.h"
+#include "exrLayout.h"
 #include "farmCommands.h"
 #include "fileIo.h"
+#include "outputFile.h"
 #include "pngFile.h"
 
 namespace ktexr {
@@ -20,10 +22,16 @@ int runPreviewDecode(const PluginLibrary& plugin, const DecodeOptions& options, 
         return report(Failure(exitUsage, "", "--srgb and --exposure make 8- or 16-bit previews, not float maps"));
     if (options.gamma || options.gammaExponent > 0.0f)
         if (srgb) return report(Failure(exitUsage, "", "--srgb and --gamma are two display curves; choose one"));
+    const std::string suffix = ".png";
+    if (options.output.size() < suffix.size() ||
+        options.output.compare(options.output.size() - suffix.size(), suffix.size(), suffix) != 0)
+        return report(Failure(exitUsage, options.output, "a preview is a PNG: name it *.png"));
     try {
+        refuseInputAsOutput(options.output, {options.input});
         LoadedFile file(options.input, kWholeFile);
         HeaderInfo header = loadHeader(plugin, file);
         requireHeader(header, file);
+        requireComplete(file.input());
         auto pixels = decode<ktP::_imgRGBABufferf>(plugin, file, header, false);
         const float* values = reinterpret_cast<const float*>(pixels->pixels);
         const std::size_t count = std::size_t{pixels->width} * pixels->height;
@@ -49,7 +57,7 @@ int runPreviewDecode(const PluginLibrary& plugin, const DecodeOptions& options, 
         auto png = encodePng(pixels->width, pixels->height, sixteen ? 16 : 8, data,
                              std::size_t{pixels->width} * 4 * (sixteen ? 2 : 1));
         writeFileAtomically(options.output, png.data(), png.size());
-        std::printf("%s: %d x %d, %s-bit, exposure %+g, %s -> %s\n", options.input.c_str(), header.width, header.height,
+        std::fprintf(reportStream(options.output), "%s: %d x %d, %s-bit, exposure %+g, %s -> %s\n", options.input.c_str(), header.width, header.height,
                     options.depth.c_str(), exposure, curve == "srgb" ? "sRGB" : curve == "exponent" ? "gamma" : "linear",
                     options.output.c_str());
         return exitOk;
