@@ -32,7 +32,8 @@ case "${1:-}" in
   tsan)
     # Only the executables that hold tests labelled "concurrency".
     cmake --preset tsan >/dev/null
-    cmake --build --preset tsan --target robustness_concurrency plugin_exrDecoder_test
+    cmake --build --preset tsan --target robustness_concurrency robustness_decodePaths_test \
+      plugin_exrDecoder_test plugin_encodePaths_test
     ctest --preset tsan -L concurrency
     ;;
   clang)
