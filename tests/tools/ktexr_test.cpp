@@ -189,7 +189,7 @@ TEST_F(Ktexr, HelpOfEveryCommand)
     const std::pair<Args, Args> helps[] = {
         {{}, {"info", "decode", "encode", "crop", "assemble", "demo", "--plugin", "--threads", "--version", "  0  ",
               "  2  ", "  3  ", "  4  ", "  5  ", "  6  ", "  7  ", "  8  ", "  9  "}},
-        {{"info"}, {"--json", "--head"}},          {{"decode"}, {"--depth", "--gamma-exponent", "--alpha"}},
+        {{"info"}, {"--json", "--head", "--jobs"}},          {{"decode"}, {"--depth", "--gamma-exponent", "--alpha"}},
         {{"encode"}, {"--attr", "--client", "--job"}},
         {{"crop"}, {"--in-place", "--undo", "--verbose", "--lossy", "--dry-run", "--force"}},
         {{"assemble"}, {"--allow-gaps", "--check", "--lossy", "--dry-run"}}, {{"demo"}, {"directory"}}};
@@ -332,6 +332,36 @@ TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
     EXPECT_EQ(files[4]["ok"], false);  // the plug-in reads its header, but the pixels are not there
     EXPECT_EQ(files[4]["complete"], false);
     EXPECT_THAT(files[4]["error"].get<std::string>(), HasSubstr("incomplete"));
+}
+
+// info with --jobs prints, as text and as JSON, exactly what a serial run prints, and the first failure decides.
+TEST_F(Ktexr, InfoWithJobsPrintsWhatASerialRunPrints)
+{
+    ExrPart cut;
+    cut.writeLimit = 3;
+    Bytes truncated = makeExr(describedPart());
+    truncated.resize(truncated.size() / 2);
+    const Args files = {exr("first.exr", describedPart()), exr("incomplete.exr", cut), write("text.exr", Bytes(64, 'x')),
+                        write("truncated.exr", truncated), exr("plain.exr", ExrPart{}), exr("last.exr", describedPart())};
+    for (bool json : {false, true}) {
+        auto info = [&](const char* jobs) {
+            Args args = {"info", "--jobs", jobs};
+            if (json) args.push_back("--json");
+            args.insert(args.end(), files.begin(), files.end());
+            return ktexr(args);
+        };
+        const ProgramRun serial = info("1");
+        const ProgramRun parallel = info("3");
+        EXPECT_EQ(serial.status, 5) << serial.err;  // the incomplete file's, before the text file's 4
+        EXPECT_EQ(parallel.status, serial.status) << json;
+        EXPECT_EQ(parallel.out, serial.out) << json;
+        EXPECT_EQ(parallel.err, serial.err) << json;
+        std::size_t at = 0;
+        for (const std::string& file : files) {
+            at = serial.out.find(file, at);
+            EXPECT_NE(at, std::string::npos) << file << " in\n" << serial.out;
+        }
+    }
 }
 
 // info loads the head of a file, and four times as much while the plug-in asks for more.

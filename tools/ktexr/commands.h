@@ -17,6 +17,7 @@ struct InfoOptions {
     std::vector<std::string> files;
     bool json = false;
     unsigned long long headBytes = kHeadBytes;  // loaded before the first header call
+    unsigned jobs = 0;                          // files read at the same time; 0: one per core
 };
 // Description, size, alpha, depth, compression and metadata of each file.
 ExitStatus runInfo(const PluginLibrary& plugin, const InfoOptions& options);

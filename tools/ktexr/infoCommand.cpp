@@ -2,11 +2,17 @@
 // only as much of the file as the header needs, with what OpenEXR's Core
 // library reads of the parts, channels and windows, and whether every chunk
 // of pixels is in the file (from the offset tables and the chunks' own
-// headers; pixels are not decompressed).
+// headers; pixels are not decompressed). Files are read on --jobs threads,
+// each with its own file buffer and records, and printed in the order given.
+#include <cstdarg>
 #include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "batchRun.h"
 #include "commands.h"
 #include "exrLayout.h"
 #include "headerRecord.h"
@@ -51,10 +57,10 @@ struct FileReport {
     ExrLayout layout;     // read once the plug-in has read the header
     bool complete = false;
     std::string error;  // empty when the header was read and the file is complete
+    std::optional<Failure> failure;  // reported when the file's turn comes
 };
 
-FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigned long long headBytes,
-                   StatusKeeper& status)
+FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigned long long headBytes)
 {
     FileReport report;
     report.file = path;
@@ -70,7 +76,7 @@ FileReport inspect(const PluginLibrary& plugin, const std::string& path, unsigne
         report.complete = true;
     } catch (const Failure& failure) {
         report.error = failure.what();
-        status.note(ktexr::report(failure));
+        report.failure = failure;
     }
     return report;
 }
@@ -119,64 +125,102 @@ nlohmann::ordered_json asJson(const FileReport& r)
     return j;
 }
 
-void printText(const FileReport& r)
+void appendf(std::string& out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void appendf(std::string& out, const char* format, ...)
 {
-    std::printf("%s\n", r.file.c_str());
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int n = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    if (n > 0) {
+        const std::size_t at = out.size();
+        out.resize(at + static_cast<std::size_t>(n) + 1);
+        std::vsnprintf(&out[at], static_cast<std::size_t>(n) + 1, format, again);
+        out.resize(at + static_cast<std::size_t>(n));
+    }
+    va_end(again);
+}
+
+// The text of one file, made on the job's thread so that the plug-in's
+// records can go before the file's turn to be printed.
+std::string textOf(const FileReport& r)
+{
+    std::string out;
+    appendf(out, "%s\n", r.file.c_str());
     if (!r.opened) {
-        std::printf("  error        %s\n", r.error.c_str());
-        return;
+        appendf(out, "  error        %s\n", r.error.c_str());
+        return out;
     }
     const HeaderInfo& h = r.header;
-    std::printf("  description  %s\n", h.description.c_str());
-    if (h.status != 1) std::printf("  status       %d: %s\n", h.status, pluginStatusMeaning(h.status));
+    appendf(out, "  description  %s\n", h.description.c_str());
+    if (h.status != 1) appendf(out, "  status       %d: %s\n", h.status, pluginStatusMeaning(h.status));
     // A file the plug-in could not open has no header to show.
-    if (h.status != 1 && h.width == 0 && h.height == 0) return;
-    std::printf("  size         %d x %d\n", h.width, h.height);
-    std::printf("  alpha        %s\n", h.hasAlpha ? "yes" : "no");
-    std::printf("  bits         %d per channel\n", h.bitsPerChannel);
+    if (h.status != 1 && h.width == 0 && h.height == 0) return out;
+    appendf(out, "  size         %d x %d\n", h.width, h.height);
+    appendf(out, "  alpha        %s\n", h.hasAlpha ? "yes" : "no");
+    appendf(out, "  bits         %d per channel\n", h.bitsPerChannel);
     if (!r.layout.parts.empty()) {
         const PartLayout& first = r.layout.parts[0];
-        std::printf("  parts        %zu, the first %s\n", r.layout.parts.size(), first.storage.c_str());
-        std::printf("  display      %s\n", first.displayWindow.text().c_str());
-        std::printf("  data         %s\n", first.dataWindow.text().c_str());
-        std::printf("  compression  %s\n", first.compression.c_str());
+        appendf(out, "  parts        %zu, the first %s\n", r.layout.parts.size(), first.storage.c_str());
+        appendf(out, "  display      %s\n", first.displayWindow.text().c_str());
+        appendf(out, "  data         %s\n", first.dataWindow.text().c_str());
+        appendf(out, "  compression  %s\n", first.compression.c_str());
         std::string channels;
         for (const ChannelLayout& c : first.channels) channels += (channels.empty() ? "" : ", ") + c.name + " " + c.type;
-        std::printf("  channels     %s\n", channels.c_str());
+        appendf(out, "  channels     %s\n", channels.c_str());
     } else {
-        std::printf("  compression  %s\n", h.uncompressed ? "none" : "compressed");
+        appendf(out, "  compression  %s\n", h.uncompressed ? "none" : "compressed");
     }
-    std::printf("  complete     %s\n", r.complete ? "yes, every chunk is in the file" : "no");
-    std::printf("  file         %s, header read from the first %s in %d call%s\n", humanSize(r.fileSize).c_str(),
-                humanSize(r.loaded).c_str(), h.calls, h.calls == 1 ? "" : "s");
+    appendf(out, "  complete     %s\n", r.complete ? "yes, every chunk is in the file" : "no");
+    appendf(out, "  file         %s, header read from the first %s in %d call%s\n", humanSize(r.fileSize).c_str(),
+                 humanSize(r.loaded).c_str(), h.calls, h.calls == 1 ? "" : "s");
     unsigned n = h.metadata ? entryCount(*h.metadata) : 0;
-    std::printf("  metadata     %u entr%s\n", n, n == 1 ? "y" : "ies");
+    appendf(out, "  metadata     %u entr%s\n", n, n == 1 ? "y" : "ies");
     std::size_t nameWidth = 0;
     for (unsigned i = 0; i < n; ++i) nameWidth = std::max(nameWidth, entryName(h.metadata->entries[i]).size());
     for (unsigned i = 0; i < n; ++i) {
         const ktExrHeaderEntry& e = h.metadata->entries[i];
-        std::printf("    %-*s  %-11s  %s\n", static_cast<int>(nameWidth), entryName(e).c_str(), entryTypeName(e),
-                    entryValueText(e).c_str());
+        appendf(out, "    %-*s  %-11s  %s\n", static_cast<int>(nameWidth), entryName(e).c_str(), entryTypeName(e),
+                     entryValueText(e).c_str());
     }
+    return out;
 }
 
 }  // namespace
 
 ExitStatus runInfo(const PluginLibrary& plugin, const InfoOptions& options)
 {
+    // What each file's job hands to the printing thread: its text or JSON
+    // entry, and its failure, reported in the file's turn.
+    struct Result {
+        std::string text;
+        nlohmann::ordered_json json;
+        std::optional<Failure> failure;
+    };
     StatusKeeper status;
     nlohmann::ordered_json files = nlohmann::ordered_json::array();
-    bool first = true;
-    for (const std::string& path : options.files) {
-        FileReport report = inspect(plugin, path, options.headBytes, status);
-        if (options.json) {
-            files.push_back(asJson(report));
-        } else {
-            if (!first) std::printf("\n");
-            printText(report);
-        }
-        first = false;
-    }
+    std::vector<Result> results(options.files.size());
+    runInOrder(
+        options.files.size(), options.jobs ? options.jobs : defaultJobs(),
+        [&](std::size_t i) {
+            FileReport report = inspect(plugin, options.files[i], options.headBytes);
+            if (options.json) results[i].json = asJson(report);
+            else results[i].text = textOf(report);
+            results[i].failure = std::move(report.failure);
+        },
+        [&](std::size_t i) {
+            Result& result = results[i];
+            if (result.failure) status.note(report(*result.failure));
+            if (options.json) {
+                files.push_back(std::move(result.json));
+            } else {
+                if (i > 0) std::printf("\n");
+                std::fputs(result.text.c_str(), stdout);
+            }
+            result = Result();
+        });
     if (options.json) {
         nlohmann::ordered_json document = {
             {"schema", kInfoSchema},

@@ -51,6 +51,8 @@ int main(int argc, char** argv)
     infoCmd->add_flag("--json", info.json, "print one JSON document (schema \"ktexr-info\", version 1)");
     infoCmd->add_option("--head", info.headBytes, "bytes loaded before the first header call (default 65536)")
         ->check(CLI::Range(1ull, kWholeFile));
+    infoCmd->add_option("--jobs", info.jobs, "frames read at the same time (default: one per core)")
+        ->check(CLI::Range(1u, 1024u));
 
     DecodeOptions decodeOpts;
     auto* decodeCmd = app.add_subcommand("decode", "decode an EXR file to an RGBA PNG, or to a PFM with --depth float");
