@@ -34,8 +34,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 third = std::make_unique<ktExrHeaderData>();
     kt::fuzz::InputReader in(data, size);
     kt::fuzz::fillMetadata(in, *first);
+    // 4: OpenEXR refuses the header the record makes (a standard attribute
+    // such as pixelAspectRatio given a value it rejects), so no file exists.
     const int code = roundTrip(*first, *second);
-    kt::fuzz::require(code == 1 || code == 6);
+    kt::fuzz::require(code == 1 || code == 4 || code == 6);
     if (code != 1) return 0;
     kt::fuzz::require(roundTrip(*second, *third) == 1);
     kt::fuzz::require(second->magic == ktExrHeaderMagic && second->count == third->count);
