@@ -30,6 +30,7 @@
 #include "fileIo.h"
 #include "frameSequence.h"
 #include "pngFile.h"
+#include "programRun.h"
 
 namespace {
 
@@ -37,40 +38,11 @@ using namespace kt::test;
 using Json = nlohmann::json;
 using Args = std::vector<std::string>;
 
-struct ProgramRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// Optionally with a file-size limit, or as another user.
 ProgramRun runKtexr(Args args, rlim_t fileSizeLimit = RLIM_INFINITY, uid_t asUser = 0)
 {
     args.insert(args.begin(), KTEXR_PATH);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::FILE* out = std::tmpfile();
-    std::FILE* err = std::tmpfile();
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(fileno(out), 1);
-        dup2(fileno(err), 2);
-        const rlimit limit{fileSizeLimit, fileSizeLimit};
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || (asUser && (setgid(asUser) != 0 || setuid(asUser) != 0))) _exit(126);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ProgramRun result;
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    for (auto [file, text] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
-        std::rewind(file);
-        for (int c; (c = std::fgetc(file)) != EOF;) text->push_back(static_cast<char>(c));
-        std::fclose(file);
-    }
-    return result;
+    return run(args, fileSizeLimit == RLIM_INFINITY ? -1 : static_cast<long long>(fileSizeLimit), "",
+               asUser == 0 ? -1 : static_cast<int>(asUser));
 }
 
 std::vector<Json> jsonLines(const std::string& text)
