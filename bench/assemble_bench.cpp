@@ -99,8 +99,17 @@ ChildRun runChild(const std::vector<std::string>& args)
 
 }  // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    if (argc > 1) {
+        const bool help = std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h";
+        std::fputs("usage: assemble_bench\n"
+                   "Assembles 64 region tiles of a 7680 x 4320 four-layer frame with OpenEXR, ktexr and oiiotool in\n"
+                   "the same run and prints the times, ktexr's ratio to OpenEXR and its peak memory.\n"
+                   "KT_BENCH_SCALE=0.5 halves both sides of the frame.\n",
+                   help ? stdout : stderr);
+        return help ? 0 : 2;
+    }
     const char* scaleText = std::getenv("KT_BENCH_SCALE");
     const double scale = scaleText ? std::atof(scaleText) : 1.0;
     const int width = static_cast<int>(7680 * scale), height = static_cast<int>(4320 * scale);
