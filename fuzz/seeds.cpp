@@ -3,6 +3,7 @@
 // into <folder>/known, those of DWA compression into <folder>/known-dwa
 // (see ./run.sh fuzz for why the decoder target does not start from those).
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -21,8 +22,16 @@ bool write(const std::filesystem::path& path, const kt::robust::SampleFile& samp
 
 int main(int argc, char** argv)
 {
+    const char* usage = "usage: fuzz_seeds <folder>\n"
+                        "Writes the sample files and the known-defect files into <folder>/samples, known and\n"
+                        "known-dwa, as seeds for the fuzz targets.\n";
+    if (argc == 2 && argv[1][0] == '-') {
+        const bool help = std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0;
+        std::fputs(usage, help ? stdout : stderr);
+        return help ? 0 : 2;
+    }
     if (argc != 2) {
-        std::fprintf(stderr, "usage: fuzz_seeds <folder>\n");
+        std::fputs(usage, stderr);
         return 2;
     }
     const std::filesystem::path folder = argv[1];
