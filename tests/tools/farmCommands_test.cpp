@@ -13,7 +13,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <numeric>
@@ -157,49 +156,44 @@ TEST_F(FarmCommands, VerifyNamesEveryFrameStateAndCountsLikeOpenExr)
     for (std::size_t i = chunk + 12; i < chunk + 30; ++i) damaged[i] = static_cast<char>(~damaged[i]);
     write("shot.1006.exr", damaged);
     write("shot.1007.exr", Bytes{'n', 'o', 't', ' ', 'e', 'x', 'r'});
-    const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR"};
+    ExrPart blank;
+    blank.value = constantValue(0.0);
+    whole[1008] = makeExr(blank);
+    write("shot.1008.exr", whole[1008]);
+    const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR", "ok"};
 
-    const ProgramRun serial = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1007", "--json", "--jobs", "1"});
-    const ProgramRun parallel = runKtexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1007", "--json", "--jobs", "3"});
+    const ProgramRun serial = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1008", "--json", "--jobs", "1"});
+    const ProgramRun parallel = runKtexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1008", "--json", "--jobs", "3"});
     EXPECT_EQ(serial.status, 10) << serial.err;
     EXPECT_EQ(parallel.out, serial.out);
     const std::vector<Json> lines = jsonLines(serial.out);
-    ASSERT_EQ(lines.size(), 8u) << serial.out;
-    for (int i = 0; i < 7; ++i) {
+    ASSERT_EQ(lines.size(), 9u) << serial.out;
+    for (int i = 0; i < 8; ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(lines[i]["frame"], 1001 + i);
         EXPECT_EQ(lines[i]["status"], expected[i]);
         if (expected[i] != "ok") continue;
-        EXPECT_EQ(lines[i]["empty"], false);
+        EXPECT_EQ(lines[i]["empty"], i == 7);  // the blank frame is named
         Json counts = Json::array();
         for (const Json& p : lines[i]["parts"])
             for (const Json& c : p["channels"]) counts.push_back({c["name"], c["nan"], c["inf"], c["negative"]});
         EXPECT_EQ(counts, expectedCounts(whole[1001 + i], static_cast<int>(lines[i]["parts"].size())));
     }
-    EXPECT_EQ(lines[7]["missingFrames"], Json::array({1003}));
-    EXPECT_EQ(lines[7]["ok"], 3);
-    EXPECT_EQ(lines[7]["nanOrInf"], 3);
+    EXPECT_EQ(lines[8]["missingFrames"], Json::array({1003}));
+    EXPECT_EQ(lines[8]["ok"], 4);
+    EXPECT_EQ(lines[8]["nanOrInf"], 3);
+    EXPECT_EQ(lines[8]["empty"], 1);
+    EXPECT_EQ(runKtexr({"verify", at("shot.1008.exr")}).status, 0);  // an empty frame alone is no failure
 
     // A farm splits the range over tasks; merging their reports gives the
     // report of one run over the whole range.
     const ProgramRun first = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1003", "--json", "-q"});
-    const ProgramRun second = runKtexr({"verify", at("shot.####.exr"), "--frames", "1004-1007", "--json", "-q"});
+    const ProgramRun second = runKtexr({"verify", at("shot.####.exr"), "--frames", "1004-1008", "--json", "-q"});
     write("b.jsonl", Bytes(second.out.begin(), second.out.end()));
     write("a.jsonl", Bytes(first.out.begin(), first.out.end()));
     const ProgramRun merged = runKtexr({"verify", "--merge", at("b.jsonl"), at("a.jsonl"), "--json"});
     EXPECT_EQ(merged.status, serial.status);
     EXPECT_EQ(merged.out, serial.out);
-}
-
-TEST_F(FarmCommands, EmptyFramesAreNamed)
-{
-    ExrPart blank;
-    blank.value = constantValue(0.0);
-    write("blank.exr", makeExr(blank));
-    const ProgramRun run = runKtexr({"verify", at("blank.exr"), "--json"});
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(jsonLines(run.out).at(0)["empty"], true);
-    EXPECT_EQ(jsonLines(run.out).at(1)["empty"], 1);
 }
 
 TEST_F(FarmCommands, StatsAgreeWithOpenExrOnEveryPartAndChannel)
@@ -647,7 +641,7 @@ TEST_F(FarmCommands, CropInPlaceKeepsOwnerAndAttributesOrLeavesTheFile)
 
 // ---- previews and the parallel runner ----------------------------------------
 
-TEST(ContactSheet, ThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
+TEST_F(FarmCommands, ContactSheetThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
 {
     // A 40 x 20 frame: the left half 0.18 grey (sRGB 118 of 255), the right
     // half 0.5 in R only, the bottom row outside the data window.
@@ -656,11 +650,7 @@ TEST(ContactSheet, ThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
     part.dataWindow = box(0, 0, 39, 17);
     part.channels = channelList({"A", "B", "G", "R"});
     part.value = [](const std::string& c, int x, int) { return x < 20 ? (c == "A" ? 1.0 : 0.18) : c == "R" ? 0.5 : 0.0; };
-    const std::string dir = testing::TempDir();
-    const std::string path = dir + "/thumb.exr";
-    const Bytes bytes = makeExr(part);
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    const ktexr::Thumbnail t = ktexr::makeThumbnail(path, 4);
+    const ktexr::Thumbnail t = ktexr::makeThumbnail(write("thumb.exr", makeExr(part)), 4);
     ASSERT_EQ(t.width, 4);
     ASSERT_EQ(t.height, 2);
     EXPECT_NEAR(t.rgb[0], 0.18, 1e-3);            // top left, all grey
