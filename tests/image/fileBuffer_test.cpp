@@ -202,31 +202,10 @@ TEST_F(FileBufferBytes, EveryReadInBothByteOrdersUpToTheLoadedData)
     }
 }
 
-// With k bytes of data in a capacity of 12, a write of w bytes fits iff
-// k + w <= 11: the last byte of the capacity never holds data.
-TEST(FileBuffer, WriteBoundForEveryWidth)
-{
-    for (int width : {1, 2, 3, 4, 8}) {
-        for (int k : {11 - width, 12 - width}) {
-            _imgFileBuffer b(12);
-            ASSERT_TRUE(b.setBufPositionWrite(k, true));
-            const Fields before = fields(b);
-            const bool ok = width == 1 ? b.writeUint8(1)
-                          : width == 2 ? b.writeUint16(1, false)
-                          : width == 3 ? b.writeUint24(1, true)
-                          : width == 4 ? b.writefloat(1.0f, true)
-                                       : b.writedouble(1.0);
-            const bool fits = k + width <= 11;
-            EXPECT_EQ(ok, fits) << "width " << width << " after " << k;
-            EXPECT_EQ(fields(b), (fits ? Fields{12, k + width, k + width, k + width} : before)) << width << " " << k;
-        }
-    }
-}
-
 // The bound is the data as a whole (fileSize), wherever the cursor stands: a
-// write into the middle fails once the data is within n bytes of the
-// capacity, and a cursor parked beyond the data may write up to the spare
-// bytes behind the capacity, but never outside the allocation.
+// write of n bytes fits iff the data stays below the capacity (the last byte
+// never holds data), also into the middle; a cursor parked beyond the data may
+// write up to the spare bytes behind the capacity, but never outside the allocation.
 TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
 {
     struct Row {
@@ -234,7 +213,7 @@ TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
         bool ok;
         Fields after;
     };
-    const Row rows[] = {
+    std::vector<Row> rows = {
         {8, 0, 2, false, {10, 8, 8, 0}},    // 8 + 2 reaches the capacity, though written at 0
         {8, 0, 1, true, {10, 8, 8, 1}},     // inside the data: nothing grows
         {0, 9, 1, true, {10, 10, 10, 10}},  // parked at the last byte
@@ -242,6 +221,12 @@ TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
         {0, 10, 4, true, {10, 14, 14, 14}}, // at the capacity, into the spare bytes
         {0, 10, 8, false, {10, 0, 0, 10}},  // would leave the allocation
     };
+    for (int n : {1, 2, 3, 4, 8}) {  // appending n bytes: up to the last byte but one, and one byte further
+        rows.push_back({9 - n, 9 - n, n, true, {10, 9, 9, 9}});
+        rows.push_back({10 - n, 10 - n, n, false, {10, 10 - n, 10 - n, 10 - n}});
+    }
+    double nines;
+    std::memset(&nines, 0x99, sizeof nines);
     for (const Row& r : rows) {
         _imgFileBuffer b(10);
         const Bytes ones(static_cast<size_t>(r.data), 1);
@@ -249,8 +234,9 @@ TEST(FileBuffer, WriteBoundIsTheDataNotTheCursor)
         ASSERT_TRUE(b.setBufPositionWrite(r.cursor, false));
         const bool ok = r.width == 1 ? b.writeUint8(0x99)
                       : r.width == 2 ? b.writeUint16(0x9999, false)
+                      : r.width == 3 ? b.writeUint24(0x999999u, true)
                       : r.width == 4 ? b.writeUint32(0x99999999u, false)
-                                     : b.writedouble(1.0);
+                                     : b.writedouble(nines);
         EXPECT_EQ(ok, r.ok) << r.data << " bytes, cursor " << r.cursor << ", width " << r.width;
         EXPECT_EQ(fields(b), r.after) << r.data << " bytes, cursor " << r.cursor << ", width " << r.width;
         if (ok) {

@@ -6,11 +6,8 @@
 
 #include <OpenEXR/ImfThreading.h>
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -23,6 +20,7 @@
 #include "plugin/exrMetadata.h"
 #include "plugin/ktImageExr.h"
 #include "tests/support/exrBuilder.h"
+#include "tests/support/programRun.h"
 
 #include <OpenEXR/ImfIntAttribute.h>
 #include <OpenEXR/ImfStringAttribute.h>
@@ -127,19 +125,10 @@ Result encodeOnce(const Case& c, bool reference)
     imgCallRecord call{file.get(), &image, metadata.get(), &settings};
 
     kt::exrForceReferencePath(reference);
-    std::fflush(stdout);
-    char console[4096] = {};
-    std::FILE* captured = std::tmpfile();
-    const int saved = dup(fileno(stdout));
-    dup2(fileno(captured), fileno(stdout));
     Result r;
+    ::testing::internal::CaptureStdout();
     r.status = D::encode(&call);
-    std::fflush(stdout);
-    dup2(saved, fileno(stdout));
-    close(saved);
-    std::rewind(captured);
-    r.console.assign(console, std::fread(console, 1, sizeof console - 1, captured));
-    std::fclose(captured);
+    r.console = ::testing::internal::GetCapturedStdout();
     kt::exrForceReferencePath(false);
 
     r.infoText = textOf(image.imageInfo.infoText);
@@ -205,7 +194,7 @@ TYPED_TEST(EncodePaths, SameOutcomeHeaderAndPixelsAsOpenExrsOutputFile)
 // attributes and no pixel difference.
 TEST(EncodePathsOiio, OiiotoolSeesTheSameImage)
 {
-    if (std::system("oiiotool --help > /dev/null 2>&1") != 0) GTEST_SKIP() << "oiiotool is not installed";
+    if (run({"oiiotool", "--help"}).status != 0) GTEST_SKIP() << "oiiotool is not installed";
     const std::string dir = ::testing::TempDir();
     for (const Case& c : {kCases[3], kCases[7]}) {
         SCOPED_TRACE(c.name);
@@ -215,11 +204,8 @@ TEST(EncodePathsOiio, OiiotoolSeesTheSameImage)
             const Result r = encodeOnce<Depth<ktP::_imgRGBABufferf, imgEncodef>>(c, quick == 0);
             ASSERT_EQ(r.status, 1);
             std::ofstream(paths[quick], std::ios::binary).write(r.file.data(), long(r.file.size()));
-            std::FILE* p = popen(("oiiotool --info -v " + paths[quick] + " 2>&1").c_str(), "r");
-            ASSERT_NE(p, nullptr);
-            char chunk[512];
-            for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) info[quick].append(chunk, n);
-            pclose(p);
+            const ProgramRun oiio = run({"oiiotool", "--info", "-v", paths[quick]});
+            info[quick] = oiio.out + oiio.err;
             for (std::size_t name; (name = info[quick].find(paths[quick])) != std::string::npos;)
                 info[quick].erase(name, paths[quick].size());
             // The date stamp may have ticked between the two encodes.
@@ -228,7 +214,7 @@ TEST(EncodePathsOiio, OiiotoolSeesTheSameImage)
             info[quick].erase(date, info[quick].find('\n', date) - date);
         }
         EXPECT_EQ(info[1], info[0]);
-        EXPECT_EQ(std::system(("oiiotool " + paths[0] + " " + paths[1] + " --diff > /dev/null 2>&1").c_str()), 0);
+        EXPECT_EQ(run({"oiiotool", paths[0], paths[1], "--diff"}).status, 0);
     }
 }
 

@@ -3,17 +3,16 @@
 // what OpenEXR itself reads from the same files.
 #include <gtest/gtest.h>
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
+#include <sys/un.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <numeric>
@@ -37,13 +36,6 @@ namespace {
 using namespace kt::test;
 using Json = nlohmann::json;
 using Args = std::vector<std::string>;
-
-ProgramRun runKtexr(Args args, rlim_t fileSizeLimit = RLIM_INFINITY, uid_t asUser = 0)
-{
-    args.insert(args.begin(), KTEXR_PATH);
-    return run(args, fileSizeLimit == RLIM_INFINITY ? -1 : static_cast<long long>(fileSizeLimit), "",
-               asUser == 0 ? -1 : static_cast<int>(asUser));
-}
 
 std::vector<Json> jsonLines(const std::string& text)
 {
@@ -106,18 +98,8 @@ double frameValue(const std::string& channel, int x, int y)
     return ((x * 5 + y * 3 + channel[0]) % 23 - 4) / 8.0;
 }
 
-class FarmCommands : public testing::Test {
+class FarmCommands : public InTestFolder {
 protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(dir); }
-
-    std::string at(const std::string& name) const { return dir + "/" + name; }
-    std::string write(const std::string& name, const Bytes& bytes)
-    {
-        std::ofstream(at(name), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        return at(name);
-    }
-
     // A two-part frame (beauty with a NaN and an Inf, and a float AOV part)
     // as the renderer writes it for frame `frame`.
     static std::vector<ExrPart> frameParts(int frame)
@@ -140,8 +122,6 @@ protected:
         aov.value = [frame](const std::string& c, int x, int y) { return frameValue(c, x, y + frame) * 3.0; };
         return {beauty, aov};
     }
-
-    std::string dir = (std::filesystem::temp_directory_path() / "ktexr-farm-XXXXXX").string();
 };
 
 // Per channel, the counts OpenEXR's own reading of the file gives.
@@ -176,49 +156,44 @@ TEST_F(FarmCommands, VerifyNamesEveryFrameStateAndCountsLikeOpenExr)
     for (std::size_t i = chunk + 12; i < chunk + 30; ++i) damaged[i] = static_cast<char>(~damaged[i]);
     write("shot.1006.exr", damaged);
     write("shot.1007.exr", Bytes{'n', 'o', 't', ' ', 'e', 'x', 'r'});
-    const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR"};
+    ExrPart blank;
+    blank.value = constantValue(0.0);
+    whole[1008] = makeExr(blank);
+    write("shot.1008.exr", whole[1008]);
+    const std::string expected[] = {"ok", "ok", "missing", "ok", "truncated", "damaged", "not EXR", "ok"};
 
-    const ProgramRun serial = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1007", "--json", "--jobs", "1"});
-    const ProgramRun parallel = runKtexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1007", "--json", "--jobs", "3"});
+    const ProgramRun serial = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1008", "--json", "--jobs", "1"});
+    const ProgramRun parallel = runKtexr({"verify", at("shot.%04d.exr"), "--frames", "1001-1008", "--json", "--jobs", "3"});
     EXPECT_EQ(serial.status, 10) << serial.err;
     EXPECT_EQ(parallel.out, serial.out);
     const std::vector<Json> lines = jsonLines(serial.out);
-    ASSERT_EQ(lines.size(), 8u) << serial.out;
-    for (int i = 0; i < 7; ++i) {
+    ASSERT_EQ(lines.size(), 9u) << serial.out;
+    for (int i = 0; i < 8; ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(lines[i]["frame"], 1001 + i);
         EXPECT_EQ(lines[i]["status"], expected[i]);
         if (expected[i] != "ok") continue;
-        EXPECT_EQ(lines[i]["empty"], false);
+        EXPECT_EQ(lines[i]["empty"], i == 7);  // the blank frame is named
         Json counts = Json::array();
         for (const Json& p : lines[i]["parts"])
             for (const Json& c : p["channels"]) counts.push_back({c["name"], c["nan"], c["inf"], c["negative"]});
         EXPECT_EQ(counts, expectedCounts(whole[1001 + i], static_cast<int>(lines[i]["parts"].size())));
     }
-    EXPECT_EQ(lines[7]["missingFrames"], Json::array({1003}));
-    EXPECT_EQ(lines[7]["ok"], 3);
-    EXPECT_EQ(lines[7]["nanOrInf"], 3);
+    EXPECT_EQ(lines[8]["missingFrames"], Json::array({1003}));
+    EXPECT_EQ(lines[8]["ok"], 4);
+    EXPECT_EQ(lines[8]["nanOrInf"], 3);
+    EXPECT_EQ(lines[8]["empty"], 1);
+    EXPECT_EQ(runKtexr({"verify", at("shot.1008.exr")}).status, 0);  // an empty frame alone is no failure
 
     // A farm splits the range over tasks; merging their reports gives the
     // report of one run over the whole range.
     const ProgramRun first = runKtexr({"verify", at("shot.####.exr"), "--frames", "1001-1003", "--json", "-q"});
-    const ProgramRun second = runKtexr({"verify", at("shot.####.exr"), "--frames", "1004-1007", "--json", "-q"});
+    const ProgramRun second = runKtexr({"verify", at("shot.####.exr"), "--frames", "1004-1008", "--json", "-q"});
     write("b.jsonl", Bytes(second.out.begin(), second.out.end()));
     write("a.jsonl", Bytes(first.out.begin(), first.out.end()));
     const ProgramRun merged = runKtexr({"verify", "--merge", at("b.jsonl"), at("a.jsonl"), "--json"});
     EXPECT_EQ(merged.status, serial.status);
     EXPECT_EQ(merged.out, serial.out);
-}
-
-TEST_F(FarmCommands, EmptyFramesAreNamed)
-{
-    ExrPart blank;
-    blank.value = constantValue(0.0);
-    write("blank.exr", makeExr(blank));
-    const ProgramRun run = runKtexr({"verify", at("blank.exr"), "--json"});
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(jsonLines(run.out).at(0)["empty"], true);
-    EXPECT_EQ(jsonLines(run.out).at(1)["empty"], 1);
 }
 
 TEST_F(FarmCommands, StatsAgreeWithOpenExrOnEveryPartAndChannel)
@@ -454,17 +429,18 @@ TEST_F(FarmCommands, AssemblyRebuildsTheFrameTheTilesWereCutFrom)
     EXPECT_FALSE(std::filesystem::exists(at("x.exr")));
 }
 
-// Both routes treat outputs alike: a device or a pipe is written through and
-// stays what it is, standard output gets the file and no report, an output
-// that is an input (links followed) is refused and the input kept.
-TEST_F(FarmCommands, OutputsOfBothRoutesNeverReplaceDevicesOrInputs)
+// Every command treats outputs alike, crop and assemble on both routes: a device or a pipe is written through and
+// stays what it is, standard output gets the file and the report goes to standard error; a socket is refused, and
+// so is an output that is an input (links followed), the input kept.
+TEST_F(FarmCommands, OutputsNeverReplaceDevicesPipesOrInputs)
 {
     ExrPart frame;
     frame.displayWindow = box(0, 0, 31, 23);
     frame.value = [](const std::string& c, int x, int y) {
         return x >= 4 && x <= 27 && y >= 3 && y <= 20 ? frameValue(c, x, y) + 8.0 : 0.0;
     };
-    const std::string source = write("source.exr", makeExr(frame));
+    const std::string source = write("source.exr", makeExr(frame)), png = at("source.png");
+    ASSERT_EQ(runKtexr({"decode", source, "-o", png}).status, 0);
     Args tiles;
     for (const Imath::Box2i& region : {box(0, 0, 15, 23), box(16, 0, 31, 23)}) {
         frame.dataWindow = region;
@@ -472,11 +448,18 @@ TEST_F(FarmCommands, OutputsOfBothRoutesNeverReplaceDevicesOrInputs)
     }
     ASSERT_EQ(mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0666), 0);
-    ASSERT_EQ(symlink(source.c_str(), at("link.exr").c_str()), 0);
+    ASSERT_EQ(symlink(at("null").c_str(), at("stdout").c_str()), 0);  // as /dev/stdout is a link
+    for (const char* link : {"link.exr", "link.png"}) ASSERT_EQ(symlink(source.c_str(), at(link).c_str()), 0);
+    ASSERT_EQ(symlink(png.c_str(), at("png-link.png").c_str()), 0);
+    const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", at("socket").c_str());
+    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const int fifo = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(fifo, 0);
     std::map<std::string, Bytes> inputs;
-    for (const std::string& input : {source, tiles[0], tiles[1]}) inputs[input] = readFileBytes(input);
+    for (const std::string& input : {source, png, tiles[0], tiles[1]}) inputs[input] = readFileBytes(input);
 
     const struct {
         Args args;
@@ -485,23 +468,32 @@ TEST_F(FarmCommands, OutputsOfBothRoutesNeverReplaceDevicesOrInputs)
         mode_t kind;
     } cases[] = {
         {{"crop", source, "-o", at("null")}, 0, "null", S_IFCHR},
+        {{"encode", png, "-o", at("null")}, 0, "null", S_IFCHR},
+        {{"crop", source, "-o", at("stdout")}, 0, "stdout", S_IFLNK},
         {{"crop", source, "-o", at("fifo")}, 0, "fifo", S_IFIFO},
+        {{"encode", png, "-o", at("fifo")}, 0, "fifo", S_IFIFO},
         {{"assemble", "-o", at("fifo"), tiles[0], tiles[1]}, 0, "fifo", S_IFIFO},
+        {{"crop", source, "-o", at("socket")}, 8, "socket", S_IFSOCK},
+        {{"encode", png, "-o", at("socket")}, 8, "socket", S_IFSOCK},
         {{"crop", source, "-o", at("link.exr")}, 9, "link.exr", S_IFLNK},
-        {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},
+        {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},  // only --in-place replaces its input
+        {{"encode", png, "-o", png}, 9, "source.png", S_IFREG},
+        {{"encode", png, "-o", at("png-link.png")}, 9, "png-link.png", S_IFLNK},
+        {{"decode", source, "-o", at("link.png"), "--srgb"}, 9, "link.png", S_IFLNK},
         {{"assemble", "-o", tiles[1], tiles[0], tiles[1]}, 9, "tile1.exr", S_IFREG},
         {{"crop", source, "-o", "-"}, 0, "null", S_IFCHR},
+        {{"encode", png, "-o", "-"}, 0, "null", S_IFCHR},
     };
-    for (const char* route : {"", "--host"}) {
-        for (const auto& c : cases) {
+    for (const auto& c : cases) {
+        const bool bothRoutes = c.args[0] == "crop" || c.args[0] == "assemble";
+        for (const char* route : {"", "--host"}) {
+            if (*route && !bothRoutes) continue;
             Args args = c.args;
             if (*route) args.push_back(route);
             SCOPED_TRACE(testing::PrintToString(args));
             const ProgramRun run = runKtexr(args);
             EXPECT_EQ(run.status, c.status) << run.err;
-            struct stat st;
-            ASSERT_EQ(lstat(at(c.output).c_str(), &st), 0);
-            EXPECT_EQ(st.st_mode & S_IFMT, c.kind);
+            EXPECT_EQ(fileKind(at(c.output)), c.kind);
             Bytes piped(1 << 20);
             const ssize_t n = read(fifo, piped.data(), piped.size());
             if (c.kind == S_IFIFO) {
@@ -509,14 +501,20 @@ TEST_F(FarmCommands, OutputsOfBothRoutesNeverReplaceDevicesOrInputs)
                 piped.resize(static_cast<std::size_t>(n));
                 EXPECT_NO_THROW(readExr(piped));
             }
-            if (args[3] == "-") {  // the file alone on standard output, the report on standard error
+            if (c.args.back() == "-") {  // the file alone on standard output, the report on standard error
                 EXPECT_NO_THROW(readExr(Bytes(run.out.begin(), run.out.end())));
                 EXPECT_NE(run.err.find("-> -"), std::string::npos) << run.err;
             }
         }
     }
     close(fifo);
+    close(socketFd);
     for (const auto& [path, bytes] : inputs) EXPECT_EQ(readFileBytes(path), bytes) << path;
+
+    ASSERT_EQ(mknod(at("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);  // every write fails: disk full
+    const ProgramRun full = runKtexr({"info", source}, -1, at("full"));
+    EXPECT_EQ(full.status, 8);
+    EXPECT_NE(full.err.find("ktexr: cannot write to standard output"), std::string::npos) << full.err;
 }
 
 // A crop that changes no data window leaves an --in-place file alone unless
@@ -567,67 +565,83 @@ TEST_F(FarmCommands, CropThatGainsNothingOrOnlyTriesLeavesFilesAlone)
     EXPECT_EQ(sizesIn(dry), sizesIn(real)) << dry << real;
 }
 
-// --in-place keeps the permissions, owner, group and extended attributes of
-// the file it replaces; one it cannot write whole, or cannot give its owner,
-// stays as it was, with no temporary file left beside it.
+// --in-place, on both routes, keeps the permissions, owner, group and extended attributes of the file it replaces
+// and goes on after a file it cannot read, ending with its status; a file it cannot write whole, or cannot give its
+// owner, stays as it was, with no temporary file left beside it. Once cropped, a file is left alone unless forced.
 TEST_F(FarmCommands, CropInPlaceKeepsOwnerAndAttributesOrLeavesTheFile)
 {
     ExrPart part;
     part.displayWindow = box(0, 0, 255, 191);
     part.compression = Imf::NO_COMPRESSION;
     part.value = [](const std::string& c, int x, int y) { return x > 9 ? frameValue(c, x, y) + 8.0 : 0.0; };
-    const std::string large = write("large.exr", makeExr(part)), kept = write("kept.exr", makeExr(part)),
-                      shared = write("shared.exr", makeExr(part));
-    ASSERT_EQ(chown(kept.c_str(), 1234, 5678), 0);
-    ASSERT_EQ(chmod(kept.c_str(), 0640), 0);
-    const bool xattrs = setxattr(kept.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
-    ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
-    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+    const Bytes original = makeExr(part), text(64, 'x');
     ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
-    const Bytes original = readFileBytes(large);
+    for (const std::string route : {"", "--host"}) {
+        SCOPED_TRACE(route);
+        const std::string large = write("large.exr", original), kept = write("kept.exr", original),
+                          other = write("other.exr", original), shared = write("shared.exr", original),
+                          bad = write("text.exr", text);
+        ASSERT_EQ(chown(kept.c_str(), 1234, 5678), 0);
+        ASSERT_EQ(chmod(kept.c_str(), 0640), 0);
+        const bool xattrs = setxattr(kept.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
+        ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
+        ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
+        const struct {
+            Args files;
+            long long fileSizeLimit;
+            int user;
+            int status;
+            const char* says;
+        } cases[] = {
+            {{large}, 4096, -1, 8, "large.exr"},  // the new file cannot be written whole
+            {{shared}, -1, 4321, 8, "owner"},
+            {{kept, bad, other}, -1, -1, 4, "text.exr"},
+        };
+        const auto crop = [&](Args args, long long fileSizeLimit = -1, int user = -1) {
+            args.insert(args.begin(), {"crop", "--in-place"});
+            if (!route.empty()) args.push_back(route);
+            return runKtexr(args, fileSizeLimit, "", user);
+        };
+        for (const auto& c : cases) {
+            const ProgramRun run = crop(c.files, c.fileSizeLimit, c.user);
+            EXPECT_EQ(run.status, c.status) << run.err;
+            EXPECT_NE((run.out + run.err).find(c.says), std::string::npos) << run.out << run.err;
+        }
+        for (const std::string& file : {large, shared}) EXPECT_EQ(readFileBytes(file), original) << file;
+        EXPECT_EQ(readFileBytes(bad), text);
+        for (const std::string& file : {kept, other})  // the plug-in's encoder keeps a margin of 3
+            EXPECT_EQ(readExr(readFileBytes(file), 0, false).header.dataWindow(), box(route.empty() ? 10 : 7, 0, 255, 191));
+        struct stat st;
+        ASSERT_EQ(stat(kept.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0640u);
+        EXPECT_EQ(st.st_uid, 1234u);
+        EXPECT_EQ(st.st_gid, 5678u);
+        char note[8] = {};
+        EXPECT_EQ(getxattr(kept.c_str(), "user.ktexr.note", note, sizeof note), xattrs ? 4 : -1);
+        EXPECT_STREQ(note, xattrs ? "keep" : "");
 
-    const struct {
-        std::string file;
-        rlim_t fileSizeLimit;
-        uid_t user;
-        int status;
-        const char* says;
-    } cases[] = {
-        {large, 4096, 0, 8, "large.exr"},  // the new file cannot be written whole
-        {shared, RLIM_INFINITY, 4321, 8, "owner"},
-        {kept, RLIM_INFINITY, 0, 0, "kept.exr: part 0: data window"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.file);
-        const ProgramRun run = runKtexr({"crop", "--in-place", c.file}, c.fileSizeLimit, c.user);
-        EXPECT_EQ(run.status, c.status) << run.err;
-        EXPECT_NE((run.out + run.err).find(c.says), std::string::npos) << run.out << run.err;
-        EXPECT_EQ(readFileBytes(c.file) == original, c.status != 0);
+        const Bytes cropped = readFileBytes(other);
+        ProgramRun again = crop({other});
+        EXPECT_EQ(again.status, 0) << again.err;
+        EXPECT_NE(again.out.find(other + ": unchanged, the crop gains nothing"), std::string::npos) << again.out;
+        EXPECT_EQ(readFileBytes(other), cropped);
+        again = crop({"--force", other});
+        EXPECT_EQ(again.status, 0) << again.err;
+        EXPECT_EQ(again.out.find("unchanged"), std::string::npos) << again.out;
+        EXPECT_EQ(entries(), (Args{"kept.exr", "large.exr", "other.exr", "shared.exr", "text.exr"}));
+        for (const std::string& file : entries()) std::filesystem::remove(at(file));
     }
     // Files cropped in parallel (a race here shows under TSan).
     const Args parallel{"crop", "--in-place", "--jobs", "3", write("p1.exr", original), write("p2.exr", original),
                         write("p3.exr", original)};
     EXPECT_EQ(runKtexr(parallel).status, 0);
-    for (const std::string& file : {kept, parallel[4], parallel[5], parallel[6]})
-        EXPECT_EQ(readExr(readFileBytes(file), 0, false).header.dataWindow(), box(10, 0, 255, 191)) << file;
-    for (std::size_t i = 4; i < parallel.size(); ++i) std::filesystem::remove(parallel[i]);
-    struct stat st;
-    ASSERT_EQ(stat(kept.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(st.st_uid, 1234u);
-    EXPECT_EQ(st.st_gid, 5678u);
-    char note[8] = {};
-    EXPECT_EQ(getxattr(kept.c_str(), "user.ktexr.note", note, sizeof note), xattrs ? 4 : -1);
-    EXPECT_STREQ(note, xattrs ? "keep" : "");
-    std::vector<std::string> left;
-    for (const auto& e : std::filesystem::directory_iterator(dir)) left.push_back(e.path().filename().string());
-    std::sort(left.begin(), left.end());
-    EXPECT_EQ(left, (std::vector<std::string>{"kept.exr", "large.exr", "shared.exr"}));
+    for (std::size_t i = 4; i < parallel.size(); ++i)
+        EXPECT_EQ(readExr(readFileBytes(parallel[i]), 0, false).header.dataWindow(), box(10, 0, 255, 191)) << parallel[i];
 }
 
 // ---- previews and the parallel runner ----------------------------------------
 
-TEST(ContactSheet, ThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
+TEST_F(FarmCommands, ContactSheetThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
 {
     // A 40 x 20 frame: the left half 0.18 grey (sRGB 118 of 255), the right
     // half 0.5 in R only, the bottom row outside the data window.
@@ -636,11 +650,7 @@ TEST(ContactSheet, ThumbnailsAverageTheirCellsAndShowTheSrgbCurve)
     part.dataWindow = box(0, 0, 39, 17);
     part.channels = channelList({"A", "B", "G", "R"});
     part.value = [](const std::string& c, int x, int) { return x < 20 ? (c == "A" ? 1.0 : 0.18) : c == "R" ? 0.5 : 0.0; };
-    const std::string dir = testing::TempDir();
-    const std::string path = dir + "/thumb.exr";
-    const Bytes bytes = makeExr(part);
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    const ktexr::Thumbnail t = ktexr::makeThumbnail(path, 4);
+    const ktexr::Thumbnail t = ktexr::makeThumbnail(write("thumb.exr", makeExr(part)), 4);
     ASSERT_EQ(t.width, 4);
     ASSERT_EQ(t.height, 2);
     EXPECT_NEAR(t.rgb[0], 0.18, 1e-3);            // top left, all grey

@@ -2,21 +2,10 @@
 // writes is read back by OpenEXR itself and by oiiotool, never by ktexr.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/sysmacros.h>
-#include <sys/un.h>
-#include <sys/xattr.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfChromaticitiesAttribute.h>
@@ -90,30 +79,8 @@ void expectReadableByOpenExr(const std::string& path)
     EXPECT_THAT(core.out + core.err, testing::Not(HasSubstr("ERROR"))) << path;
 }
 
-mode_t kindOf(const std::string& path)
-{
-    struct stat st{};
-    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
-}
-
-class Ktexr : public testing::Test {
+class Ktexr : public InTestFolder {
 protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(dir); }
-
-    std::string at(const std::string& name) const { return dir + "/" + name; }
-    Args entries() const
-    {
-        Args names;
-        for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-    std::string write(const std::string& name, const Bytes& bytes)
-    {
-        std::ofstream(at(name), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        return at(name);
-    }
     std::string exr(const std::string& name, const ExrPart& part) { return write(name, makeExr(part)); }
     // Region tiles <stem>1.exr, <stem>2.exr ..., each with its own job ID.
     Args tiles(const std::string& stem, const std::vector<Imath::Box2i>& regions)
@@ -127,11 +94,10 @@ protected:
 
     // crop and assemble run the plug-in's route here (--host); the lossless
     // route has its own suite.
-    ProgramRun ktexr(Args args, long long fileSizeLimit = -1, const std::string& stdoutTo = "", int asUser = -1)
+    ProgramRun ktexr(Args args)
     {
         if (!args.empty() && (args[0] == "crop" || args[0] == "assemble")) args.insert(args.begin() + 1, "--host");
-        args.insert(args.begin(), KTEXR_PATH);
-        return run(args, fileSizeLimit, stdoutTo, asUser);
+        return runKtexr(args);
     }
     // Whether oiiotool succeeds: with --diff, whether the two images match.
     bool oiio(Args args)
@@ -141,8 +107,6 @@ protected:
         EXPECT_EQ(r.status, 0) << testing::PrintToString(args) << "\n" << r.out << r.err;
         return r.status == 0;
     }
-
-    std::string dir = (std::filesystem::temp_directory_path() / "ktexr-test-XXXXXX").string();
 };
 
 // The program and each command describe their options; the program alone its exit statuses, and its version.
@@ -235,7 +199,8 @@ TEST_F(Ktexr, BadInputEndsWithItsStatusAndWritesNothing)
     EXPECT_EQ(entries(), before);
 }
 
-// info, as text and as JSON; with several files every one gets its entry and the first failure decides.
+// info, as text and as JSON; with several files every one gets its entry and the first failure decides, on any
+// number of threads.
 TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
 {
     const std::string described = exr("described.exr", describedPart());
@@ -256,8 +221,24 @@ TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
     large.compression = Imf::NO_COMPRESSION;
     Bytes truncated = makeExr(large);
     truncated.resize(truncated.size() * 3 / 100);  // the header and offset table whole, 3 % of the file
-    ProgramRun r = ktexr({"info", "--json", described, at("missing.exr"), incomplete, write("t.exr", Bytes(6, 'x')),
-                          write("truncated.exr", truncated)});
+    const Args inputs = {described, at("missing.exr"), incomplete, write("t.exr", Bytes(6, 'x')),
+                         write("truncated.exr", truncated)};
+    // With --jobs, as text and as JSON, exactly what a serial run prints.
+    for (const bool json : {false, true}) {
+        Args args = {"info", "--jobs", "1"};
+        if (json) args.push_back("--json");
+        args.insert(args.end(), inputs.begin(), inputs.end());
+        const ProgramRun serial = ktexr(args);
+        args[2] = "3";
+        const ProgramRun parallel = ktexr(args);
+        EXPECT_EQ(serial.status, 3) << serial.err;
+        EXPECT_EQ(parallel.status, serial.status) << json;
+        EXPECT_EQ(parallel.out, serial.out) << json;
+        EXPECT_EQ(parallel.err, serial.err) << json;
+    }
+    Args args = {"info", "--json"};
+    args.insert(args.end(), inputs.begin(), inputs.end());
+    ProgramRun r = ktexr(args);
     EXPECT_EQ(r.status, 3);
     Json doc = Json::parse(r.out);
     EXPECT_EQ(doc["schema"], "ktexr-info");
@@ -294,36 +275,6 @@ TEST_F(Ktexr, InfoShowsTheDescriptionAndEveryEntry)
     EXPECT_EQ(files[4]["ok"], false);  // the plug-in reads its header, but the pixels are not there
     EXPECT_EQ(files[4]["complete"], false);
     EXPECT_THAT(files[4]["error"].get<std::string>(), HasSubstr("incomplete"));
-}
-
-// info with --jobs prints, as text and as JSON, exactly what a serial run prints, and the first failure decides.
-TEST_F(Ktexr, InfoWithJobsPrintsWhatASerialRunPrints)
-{
-    ExrPart cut;
-    cut.writeLimit = 3;
-    Bytes truncated = makeExr(describedPart());
-    truncated.resize(truncated.size() / 2);
-    const Args files = {exr("first.exr", describedPart()), exr("incomplete.exr", cut), write("text.exr", Bytes(64, 'x')),
-                        write("truncated.exr", truncated), exr("plain.exr", ExrPart{}), exr("last.exr", describedPart())};
-    for (bool json : {false, true}) {
-        auto info = [&](const char* jobs) {
-            Args args = {"info", "--jobs", jobs};
-            if (json) args.push_back("--json");
-            args.insert(args.end(), files.begin(), files.end());
-            return ktexr(args);
-        };
-        const ProgramRun serial = info("1");
-        const ProgramRun parallel = info("3");
-        EXPECT_EQ(serial.status, 5) << serial.err;  // the incomplete file's, before the text file's 4
-        EXPECT_EQ(parallel.status, serial.status) << json;
-        EXPECT_EQ(parallel.out, serial.out) << json;
-        EXPECT_EQ(parallel.err, serial.err) << json;
-        std::size_t at = 0;
-        for (const std::string& file : files) {
-            at = serial.out.find(file, at);
-            EXPECT_NE(at, std::string::npos) << file << " in\n" << serial.out;
-        }
-    }
 }
 
 // info loads the head of a file, and four times as much while the plug-in asks for more.
@@ -479,129 +430,6 @@ TEST_F(Ktexr, CropAndUndoKeepEveryPixelAndAttribute)
             EXPECT_EQ(valueOf(it.attribute()), valueOf(*attribute)) << attributeName;
         }
     }
-}
-
-// An output that is not a regular file is written through (a device, a pipe, standard output) or refused (a
-// socket), never replaced; an output that is an input, links followed, is refused and the input stays as it was.
-TEST_F(Ktexr, OutputsNeverReplaceDevicesPipesOrInputs)
-{
-    const std::string source = exr("source.exr", renderWithBorder()), png = at("source.png");
-    ASSERT_EQ(ktexr({"decode", source, "-o", png}).status, 0);
-    const Args tile = tiles("tile", {box(0, 0, 63, 47)});
-    ASSERT_EQ(mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
-    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0666), 0);
-    ASSERT_EQ(symlink(at("null").c_str(), at("stdout").c_str()), 0);  // as /dev/stdout is a link
-    ASSERT_EQ(symlink(png.c_str(), at("png-link.png").c_str()), 0);
-    ASSERT_EQ(symlink(source.c_str(), at("exr-link.exr").c_str()), 0);
-    ASSERT_EQ(symlink(source.c_str(), at("exr-link.png").c_str()), 0);
-    const int socketFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", at("socket").c_str());
-    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const int fifoReader = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
-    ASSERT_GE(fifoReader, 0);
-    const std::pair<std::string, Bytes> inputs[] = {{source, readFileBytes(source)}, {png, readFileBytes(png)},
-                                                    {tile[0], readFileBytes(tile[0])}};
-
-    const struct { Args args; int status; std::string output; mode_t kind; } cases[] = {
-        {{"encode", png, "-o", at("null")}, 0, "null", S_IFCHR},
-        {{"crop", source, "-o", at("stdout")}, 0, "stdout", S_IFLNK},
-        {{"encode", png, "-o", at("fifo")}, 0, "fifo", S_IFIFO},
-        {{"encode", png, "-o", at("socket")}, 8, "socket", S_IFSOCK},
-        {{"encode", png, "-o", png}, 9, "source.png", S_IFREG},
-        {{"encode", png, "-o", at("png-link.png")}, 9, "png-link.png", S_IFLNK},
-        {{"crop", source, "-o", at("exr-link.exr")}, 9, "exr-link.exr", S_IFLNK},
-        {{"crop", source, "-o", source}, 9, "source.exr", S_IFREG},  // only --in-place replaces its input
-        {{"decode", source, "-o", at("exr-link.png"), "--srgb"}, 9, "exr-link.png", S_IFLNK},
-        {{"assemble", "-o", tile[0], tile[0]}, 9, "tile1.exr", S_IFREG},
-    };
-    for (const auto& c : cases) {
-        ProgramRun r = ktexr(c.args);
-        EXPECT_EQ(r.status, c.status) << testing::PrintToString(c.args) << "\n" << r.err;
-        EXPECT_EQ(kindOf(at(c.output)), c.kind) << c.output;
-    }
-    EXPECT_EQ(kindOf(at("null")), static_cast<mode_t>(S_IFCHR));
-    for (const auto& [path, bytes] : inputs) EXPECT_EQ(readFileBytes(path), bytes) << path;
-    Bytes piped(1 << 16);
-    const ssize_t n = read(fifoReader, piped.data(), piped.size());
-    ASSERT_GT(n, 0);
-    piped.resize(static_cast<std::size_t>(n));
-    EXPECT_NO_THROW(readExr(piped));
-    close(fifoReader);
-    close(socketFd);
-
-    ASSERT_EQ(mknod(at("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);  // every write fails: disk full
-    ProgramRun full = ktexr({"info", source}, -1, at("full"));
-    EXPECT_EQ(full.status, 8);
-    EXPECT_THAT(full.err, HasSubstr("ktexr: cannot write to standard output"));
-
-    ProgramRun toStdout = ktexr({"encode", png, "-o", "-"});
-    ASSERT_EQ(toStdout.status, 0) << toStdout.err;
-    EXPECT_NO_THROW(readExr(Bytes(toStdout.out.begin(), toStdout.out.end())));
-    EXPECT_THAT(toStdout.err, HasSubstr("-> -"));  // the report goes to standard error
-}
-
-// --in-place replaces each file keeping its permissions, goes on after a bad one and ends with its status;
-// a file it cannot write whole leaves the original as it was.
-TEST_F(Ktexr, CropInPlaceReplacesEachFileOrNone)
-{
-    ExrPart part = renderWithBorder();
-    part.displayWindow = box(0, 0, 255, 191);
-    part.value = [](const std::string& c, int x, int y) { return patternValue(c, x * 3, y * 5) + (x % 7) / 8.0; };
-    const std::string large = exr("large.exr", part);
-    const Bytes original = readFileBytes(large);
-    ASSERT_GT(original.size(), 20000u);
-    ProgramRun r = ktexr({"crop", "--in-place", "--force", large}, 4096);  // the new file cannot be written whole
-    EXPECT_EQ(r.status, 8) << r.err;
-    EXPECT_THAT(r.err, HasSubstr(large));
-    EXPECT_EQ(readFileBytes(large), original);
-
-    const std::string text = write("text.exr", Bytes(64, 'x'));
-    const std::string a = exr("a.exr", renderWithBorder()), b = exr("b.exr", renderWithBorder());
-    ASSERT_EQ(chown(a.c_str(), 1234, 5678), 0);
-    ASSERT_EQ(chmod(a.c_str(), 0640), 0);
-    const bool xattrs = setxattr(a.c_str(), "user.ktexr.note", "keep", 4, 0) == 0;  // where the file system has them
-    r = ktexr({"crop", "--in-place", a, text, b});
-    EXPECT_EQ(r.status, 4);
-    EXPECT_THAT(r.err, HasSubstr(text));
-    EXPECT_EQ(readFileBytes(text), Bytes(64, 'x'));
-    for (const std::string& f : {a, b}) {
-        EXPECT_EQ(headerOf(f).dataWindow(), box(17, 7, 42, 32)) << f;
-        expectReadableByOpenExr(f);
-    }
-    struct stat st;
-    ASSERT_EQ(stat(a.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_EQ(st.st_uid, 1234u);
-    EXPECT_EQ(st.st_gid, 5678u);
-
-    // A second crop gains nothing: the file is left alone unless forced.
-    const Bytes cropped = readFileBytes(a);
-    r = ktexr({"crop", "--in-place", a});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(a + ": unchanged, the crop gains nothing"));
-    EXPECT_EQ(readFileBytes(a), cropped);
-    r = ktexr({"crop", "--in-place", "--force", a});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_THAT(r.out, testing::Not(HasSubstr("unchanged")));
-    char note[8] = {};
-    if (xattrs) {
-        EXPECT_EQ(getxattr(a.c_str(), "user.ktexr.note", note, sizeof note), 4);
-        EXPECT_STREQ(note, "keep");
-    }
-
-    // A user who may write another's file but cannot give the new one its owner is refused.
-    const std::string shared = exr("shared.exr", renderWithBorder());
-    const Bytes sharedBytes = readFileBytes(shared);
-    ASSERT_EQ(chown(shared.c_str(), 1234, 1234), 0);
-    ASSERT_EQ(chmod(shared.c_str(), 0666), 0);
-    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
-    r = ktexr({"crop", "--in-place", shared}, -1, "", 4321);
-    EXPECT_EQ(r.status, 8) << r.err;
-    EXPECT_THAT(r.err, HasSubstr("owner"));
-    EXPECT_EQ(readFileBytes(shared), sharedBytes);
-    EXPECT_EQ(entries(), (Args{"a.exr", "b.exr", "large.exr", "shared.exr", "text.exr"}));
 }
 
 // What the plug-in's encoder cannot write is named, one line a loss, and refused unless --lossy; --dry-run only

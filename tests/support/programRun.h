@@ -1,12 +1,19 @@
-// Running a program as a test sees it: its exit status and what it printed.
+// Running a program as a test sees it: its exit status and what it printed;
+// and a test folder of its own for the files it reads and writes.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,5 +58,45 @@ inline ProgramRun run(const std::vector<std::string>& args, long long fileSizeLi
     }
     return result;
 }
+
+#ifdef KTEXR_PATH
+inline ProgramRun runKtexr(std::vector<std::string> args, long long fileSizeLimit = -1, const std::string& stdoutTo = "",
+                           int asUser = -1)
+{
+    args.insert(args.begin(), KTEXR_PATH);
+    return run(args, fileSizeLimit, stdoutTo, asUser);
+}
+#endif
+
+// The kind of file at `path` (S_IFREG, S_IFLNK, ...), links not followed; 0 when there is none.
+inline mode_t fileKind(const std::string& path)
+{
+    struct stat st{};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
+
+// A fresh folder per test, removed with everything in it afterwards.
+class InTestFolder : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    std::string at(const std::string& name) const { return dir + "/" + name; }
+    std::string write(const std::string& name, const std::vector<char>& bytes)
+    {
+        std::ofstream(at(name), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return at(name);
+    }
+    // The names in the folder, sorted.
+    std::vector<std::string> entries() const
+    {
+        std::vector<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    std::string dir = (std::filesystem::temp_directory_path() / "ktexr-test-XXXXXX").string();
+};
 
 }  // namespace kt::test
