@@ -42,13 +42,14 @@ using Depth8 = Depth<ktP::_imgRGBABuffer8, _Rgba8, imgDecode8, 255>;
 using Depth16 = Depth<ktP::_imgRGBABuffer16, _Rgba16, imgDecode16, 65535>;
 using DepthF = Depth<ktP::_imgRGBABufferf, _Rgbaf, imgDecodef, 0>;
 
-// A host-side buffer of w x h pixels (capacity `capacity`), every byte 0x60.
+// A host-side buffer of w x h pixels (capacity `capacity`, which may be less), every byte 0x60.
 template <class D>
 std::unique_ptr<typename D::BufferType> hostBuffer(int w, int h, unsigned capacity = 0, bool gamma = false)
 {
     auto b = std::make_unique<typename D::BufferType>(capacity ? capacity : static_cast<unsigned>(w * h));
     b->setWidth(w);
     b->setHeight(h);
+    b->height = static_cast<unsigned>(h);  // as a host may set it, past the capacity
     b->clear();
     b->pixelFlags = gamma ? 1 : 0;
     return b;
@@ -138,11 +139,17 @@ TYPED_TEST(ExrDecoder, PlacesTheDataWindowRelativeToTheDisplayWindow)
 }
 
 // All 65,536 half patterns in each channel (shifted per channel), once as one
-// image large enough for the conversion tables and once in images too small for them.
-TYPED_TEST(ExrDecoder, EveryHalfValueMatchesTheDirectFormulaBothWays)
+// image large enough for the conversion tables, once in images too small for
+// them, and once into buffers a few pixels short of their image (which the
+// buffer's own bounds-checked write fills pixel by pixel).
+TYPED_TEST(ExrDecoder, EveryHalfValueMatchesTheDirectFormulaAllThreeWays)
 {
+    const struct {
+        int size;
+        unsigned capacity;  // 0: exactly the image
+    } cases[] = {{256, 0}, {181, 0}, {181, 181 * 181 - 5}};
     for (const bool gamma : {false, true})
-        for (const int size : {256, 181})
+        for (const auto [size, capacity] : cases)
             for (int first = 0; first < 65536; first += size * size) {
                 ExrPart part;
                 part.displayWindow = box(0, 0, size - 1, size - 1);
@@ -150,7 +157,8 @@ TYPED_TEST(ExrDecoder, EveryHalfValueMatchesTheDirectFormulaBothWays)
                     ch.value = [first, size, shift = 9973 * (ch.name[0] % 4)](int x, int y) {
                         return double(half(half::FromBits, static_cast<std::uint16_t>(first + y * size + x + shift)));
                     };
-                expectDecoded<TypeParam>(makeExr(part), *hostBuffer<TypeParam>(size, size, 0, gamma), std::to_string(size));
+                expectDecoded<TypeParam>(makeExr(part), *hostBuffer<TypeParam>(size, size, capacity, gamma),
+                                         std::to_string(size) + " " + std::to_string(capacity));
             }
 }
 
