@@ -149,16 +149,16 @@ TYPED_TEST(ExrDecoder, EveryHalfValueMatchesTheDirectFormulaAllThreeWays)
         unsigned capacity;  // 0: exactly the image
     } cases[] = {{256, 0}, {181, 0}, {181, 181 * 181 - 5}};
     for (const bool gamma : {false, true})
-        for (const auto [size, capacity] : cases)
-            for (int first = 0; first < 65536; first += size * size) {
+        for (const auto& c : cases)
+            for (int first = 0, size = c.size; first < 65536; first += size * size) {
                 ExrPart part;
                 part.displayWindow = box(0, 0, size - 1, size - 1);
                 for (ExrChannel& ch : part.channels)
                     ch.value = [first, size, shift = 9973 * (ch.name[0] % 4)](int x, int y) {
                         return double(half(half::FromBits, static_cast<std::uint16_t>(first + y * size + x + shift)));
                     };
-                expectDecoded<TypeParam>(makeExr(part), *hostBuffer<TypeParam>(size, size, capacity, gamma),
-                                         std::to_string(size) + " " + std::to_string(capacity));
+                expectDecoded<TypeParam>(makeExr(part), *hostBuffer<TypeParam>(size, size, c.capacity, gamma),
+                                         std::to_string(size) + " " + std::to_string(c.capacity));
             }
 }
 
