@@ -112,10 +112,10 @@ TEST(FuzzFindings, KnownDefectClassesAreSurvived)
 // The rules each chunk carries can place one channel at all three places of
 // a set (here R as red, green and blue), and the decoder then reads past
 // that buffer: twice its size, which on a wide image reaches memory that is
-// not there. The decoders refuse such chunks, in scan lines and in tiles, as
-// damaged pixel data; the header is sound. The same bytes stored as an
-// uncompressed chunk (as large as its pixels) are never decoded as DWA and
-// decode as before.
+// not there. The decoders refuse such chunks, in scan lines, in tiles and in
+// a multi-part file, as damaged pixel data; the header is sound. The same
+// bytes stored as an uncompressed chunk (as large as its pixels) are never
+// decoded as DWA and decode as before.
 TEST(FuzzFindings, DwaColourSetsRepeatingAChannelAreRefused)
 {
     const Bytes scanLines = reproducer("dwa-colour-set-one-channel.exr");
@@ -132,6 +132,7 @@ TEST(FuzzFindings, DwaColourSetsRepeatingAChannelAreRefused)
     } cases[] = {
         {"scan lines", scanLines, 14},
         {"tiles", reproducer("dwa-colour-set-one-channel-tiled.exr"), 14},
+        {"first of two parts", reproducer("dwa-colour-set-one-channel-multipart.exr"), 14},
         {"stored uncompressed", stored, 1},
     };
     for (const auto& c : cases) {
