@@ -5,9 +5,12 @@
 #include <OpenEXR/ImfTileDescription.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <map>
+#include <set>
 #include <string>
+#include <tuple>
 
 #include "plugin/exrLimits.h"
 
@@ -102,42 +105,60 @@ bool readRules(const ChunkBytes& bytes, u64 data, u64 dataSize, std::vector<Rule
     return true;
 }
 
-bool matches(const Rule& rule, const std::string& suffix, OPENEXR_IMF_NAMESPACE::PixelType type)
+std::string lowered(std::string text)
 {
-    if (rule.type != type) return false;
-    if (!rule.anyCase) return suffix == rule.suffix;
-    std::string lower = suffix;
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return lower == rule.suffix;
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
 }
 
-// Groups the channels into colour sets as the decoder does (by the name
-// before the last dot; a later match overrides an earlier one) and tells
+// Groups the channels into colour sets as the decoder does and tells
 // whether every complete set of one sampling has three distinct channels.
+// The decoder's set is named by the channel name before the last dot; each
+// rule matching a channel's suffix and type puts that channel at the rule's
+// place, a later channel overriding an earlier one. So the place holds the
+// last matching channel, whatever the order of the rules: the rules are
+// looked up by suffix instead of tried on every channel, which keeps a
+// chunk of thousands of rules over thousands of channels quick.
 bool colourSetsDistinct(const OPENEXR_IMF_NAMESPACE::ChannelList& channels, const std::vector<Rule>& rules)
 {
-    struct Set {
-        int member[3] = {-1, -1, -1};
+    struct Named {
+        const OPENEXR_IMF_NAMESPACE::Channel* channel;
+        std::size_t set;
     };
-    std::map<std::string, Set> sets;
-    std::vector<const OPENEXR_IMF_NAMESPACE::Channel*> byIndex;
+    std::vector<Named> named;
+    std::map<std::string, std::size_t> setOfPrefix;
+    std::map<std::string, std::vector<std::size_t>> bySuffix, byLoweredSuffix;
     for (auto it = channels.begin(); it != channels.end(); ++it) {
         const std::string name = it.name();
         const std::size_t dot = name.find_last_of('.');
         const std::string prefix = dot == std::string::npos ? std::string() : name.substr(0, dot);
         const std::string suffix = dot == std::string::npos ? name : name.substr(dot + 1);
-        Set& set = sets[prefix];
-        for (const Rule& rule : rules)
-            if (rule.colourIndex >= 0 && matches(rule, suffix, it.channel().type))
-                set.member[rule.colourIndex] = static_cast<int>(byIndex.size());
-        byIndex.push_back(&it.channel());
+        const std::size_t set = setOfPrefix.emplace(prefix, setOfPrefix.size()).first->second;
+        bySuffix[suffix].push_back(named.size());
+        byLoweredSuffix[lowered(suffix)].push_back(named.size());
+        named.push_back({&it.channel(), set});
     }
-    for (const auto& entry : sets) {
-        const int* m = entry.second.member;
+
+    std::vector<std::array<long, 3>> members(setOfPrefix.size(), {-1, -1, -1});
+    std::set<std::tuple<std::string, bool, int, int>> seen;  // a repeated rule changes nothing
+    for (const Rule& rule : rules) {
+        if (rule.colourIndex < 0 || !seen.emplace(rule.suffix, rule.anyCase, rule.type, rule.colourIndex).second)
+            continue;
+        const auto& index = rule.anyCase ? byLoweredSuffix : bySuffix;
+        const auto found = index.find(rule.suffix);
+        if (found == index.end()) continue;
+        for (std::size_t i : found->second) {
+            if (named[i].channel->type != rule.type) continue;
+            long& member = members[named[i].set][static_cast<std::size_t>(rule.colourIndex)];
+            member = std::max(member, static_cast<long>(i));
+        }
+    }
+
+    for (const auto& m : members) {
         if (m[0] < 0 || m[1] < 0 || m[2] < 0) continue;
-        const OPENEXR_IMF_NAMESPACE::Channel& r = *byIndex[static_cast<std::size_t>(m[0])];
-        const OPENEXR_IMF_NAMESPACE::Channel& g = *byIndex[static_cast<std::size_t>(m[1])];
-        const OPENEXR_IMF_NAMESPACE::Channel& b = *byIndex[static_cast<std::size_t>(m[2])];
+        const OPENEXR_IMF_NAMESPACE::Channel& r = *named[static_cast<std::size_t>(m[0])].channel;
+        const OPENEXR_IMF_NAMESPACE::Channel& g = *named[static_cast<std::size_t>(m[1])].channel;
+        const OPENEXR_IMF_NAMESPACE::Channel& b = *named[static_cast<std::size_t>(m[2])].channel;
         if (r.xSampling != g.xSampling || r.xSampling != b.xSampling || r.ySampling != g.ySampling ||
             r.ySampling != b.ySampling)
             continue;  // not decoded as a set
