@@ -1,7 +1,6 @@
 // Writes the fuzzers' starting points: the robustness tests' sample files
 // into <folder>/samples, and the files that reach OpenEXR's known defect classes
-// into <folder>/known, those of DWA compression into <folder>/known-dwa
-// (see ./run.sh fuzz for why the decoder target does not start from those).
+// into <folder>/known.
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -35,14 +34,12 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::filesystem::path folder = argv[1];
-    for (const char* sub : {"samples", "known", "known-dwa"}) std::filesystem::create_directories(folder / sub);
+    for (const char* sub : {"samples", "known"}) std::filesystem::create_directories(folder / sub);
     int n = 0;
     for (const kt::robust::SampleFile& sample : kt::robust::sampleFiles())
         if (!write(folder / "samples" / ("seed" + std::to_string(n++) + ".exr"), sample)) return 1;
-    for (const kt::robust::SampleFile& sample : kt::robust::knownDefectFiles()) {
-        const bool dwa = sample.name.rfind("DWA", 0) == 0;
-        if (!write(folder / (dwa ? "known-dwa" : "known") / ("seed" + std::to_string(n++) + ".exr"), sample)) return 1;
-    }
+    for (const kt::robust::SampleFile& sample : kt::robust::knownDefectFiles())
+        if (!write(folder / "known" / ("seed" + std::to_string(n++) + ".exr"), sample)) return 1;
     std::printf("%d seeds in %s\n", n, folder.c_str());
     return 0;
 }

@@ -16,9 +16,11 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
+#include "plugin/exrDwaChunkCheck.h"
 #include "plugin/exrLimits.h"
 #include "plugin/fileBufferStream.h"
 
@@ -331,6 +333,9 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
     u64 at = 8;
     u64 tables = 0;
     u64 leastData = 0;
+    std::unique_ptr<Imf::Header> first;  // the part the decoders read
+    u64 firstChunks = 0;
+    std::vector<kt::ExrPartLayout> parts;
     for (;;) {
         const u64 headerStart = at;
         Imf::Header header;  // registers OpenEXR's attribute types before they are looked up
@@ -346,7 +351,10 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
             leastData = part.leastData;
             claims.chunksRewrittenWhenRead = header.compression() == Imf::DWAA_COMPRESSION ||
                                              header.compression() == Imf::DWAB_COMPRESSION;
+            first = std::make_unique<Imf::Header>(header);
+            firstChunks = part.table / 8;
         }
+        parts.push_back({header.hasTileDescription(), header.hasType() && Imf::isDeepData(header.type())});
         if (!multiPart) break;
     }
     // Opening reads the headers and every offset table. (OpenEXR 3.1 loses
@@ -355,5 +363,8 @@ kt::ExrFileClaims kt::exrCheckBeforeOpening(ktP::_imgFileBuffer& file)
     if (plus(at, tables) > claims.fileBytes) throw Iex::InputExc("chunk offset tables cut short");
     if (plus(at, tables) > bytes.size()) throw Iex::IoExc(kShortBuffer);
     claims.leastBytes = plus(plus(at, tables), leastData);
+    if (claims.chunksRewrittenWhenRead)
+        claims.colourSetsDistinct = kt::exrDwaColourSetsDistinct(file, *first, parts, multiPart, at, firstChunks,
+                                                                 plus(at, tables));
     return claims;
 }

@@ -37,8 +37,14 @@ struct ExrFileClaims {
     // chunk starts. Such chunks must reach it as private, aligned copies,
     // never as pointers into the host's buffer.
     bool chunksRewrittenWhenRead = false;
+    // Every DWA chunk of the first part groups three distinct channels into
+    // each colour set it decodes together (plugin/exrDwaChunkCheck.h): rules
+    // that repeat a channel make OpenEXR's decoder read past its buffers.
+    bool colourSetsDistinct = true;
 
-    bool pixelDataFits() const { return leastBytes <= fileBytes; }
+    // Whether the pixel data can be handed to OpenEXR: the file can hold it
+    // and no chunk of it would be read out of bounds.
+    bool pixelDataFits() const { return leastBytes <= fileBytes && colourSetsDistinct; }
 };
 
 // Reads the magic number, the version field and every header of the file in
@@ -51,9 +57,10 @@ struct ExrFileClaims {
 //
 // Throws what OpenEXR throws while reading headers (Iex::IoExc "File size
 // smaller than requested" when the loaded data ends inside them), and
-// Iex::InputExc when a check fails. Whether the pixel data can fit is left
-// to the caller (pixelDataFits): header loading does not need it. Moves the
-// buffer's cursor.
+// Iex::InputExc when a check fails. Whether the pixel data can fit, and for
+// DWA files whether its chunks are safe to decode, is left to the caller
+// (pixelDataFits): header loading does not need it. Moves the buffer's
+// cursor.
 ExrFileClaims exrCheckBeforeOpening(ktP::_imgFileBuffer& file);
 
 }  // namespace kt

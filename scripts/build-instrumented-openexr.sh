@@ -15,13 +15,20 @@ cd "$(dirname "$0")/.."
 
 dir=$(realpath -m "${1:-build/openexr-fuzz}")
 version=$(dpkg-query -W -f='${Version}' libopenexr-dev)
-stamp="$dir/install/.built-$version"
+# The known findings the fuzzers must step past to reach the code behind them
+# (see the file's comments); only this build uses it.
+ignorelist=$(realpath fuzz/openexrKnownFindings.ignorelist)
+flags="-g -O1 -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=undefined"
+flags+=" -fsanitize-ignorelist=$ignorelist -fsanitize=fuzzer-no-link"
+# The stamp names the version, the flags and the ignore list's contents, so a
+# build made another way is made again rather than reused.
+stamp="$dir/install/.built-$version-$( (echo "$flags"; cat "$ignorelist") | sha256sum | cut -c1-16)"
 if [[ -f "$stamp" ]]; then
   exit 0
 fi
 command -v dpkg-source >/dev/null || { echo "build-instrumented-openexr: dpkg-source missing (dpkg-dev)" >&2; exit 1; }
 start=$SECONDS
-echo "instrumented OpenEXR $version: fetching the source into $dir" >&2
+echo "instrumented OpenEXR $version: building into $dir" >&2
 
 # Private apt state: sources list, lists and cache all inside $dir.
 apt_dir="$dir/apt"
@@ -40,16 +47,19 @@ apt_opts=(
   -o "Debug::NoLocking=1"
   -o "APT::Sandbox::User=$(id -un)"
 )
-apt-get "${apt_opts[@]}" -qq update
 src_parent="$dir/source"
-rm -rf "$src_parent"
-mkdir -p "$src_parent"
-(cd "$src_parent" && apt-get "${apt_opts[@]}" -qq source "openexr=$version" >/dev/null)
+# An unpacked source of this very version is reused (Debian's .dsc names it);
+# anything else is fetched again.
+if [[ ! -f "$src_parent/openexr_$version.dsc" ]]; then
+  apt-get "${apt_opts[@]}" -qq update
+  rm -rf "$src_parent"
+  mkdir -p "$src_parent"
+  (cd "$src_parent" && apt-get "${apt_opts[@]}" -qq source "openexr=$version" >/dev/null)
+fi
 src=$(find "$src_parent" -mindepth 1 -maxdepth 1 -type d -name 'openexr-*' | head -n 1)
 [[ -n "$src" && -f "$src/CMakeLists.txt" ]] || { echo "build-instrumented-openexr: no source unpacked" >&2; exit 1; }
 echo "instrumented OpenEXR: source in $src ($((SECONDS - start)) s)" >&2
 
-flags="-g -O1 -fno-omit-frame-pointer -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link"
 cmake -S "$src" -B "$dir/build" -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \

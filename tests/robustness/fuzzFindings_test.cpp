@@ -107,6 +107,41 @@ TEST(FuzzFindings, KnownDefectClassesAreSurvived)
     }
 }
 
+// OpenEXR 3.1's DWA decoder sizes its buffer of DC values by the channels
+// coded lossily, but reads one run of them for each member of a colour set.
+// The rules each chunk carries can place one channel at all three places of
+// a set (here R as red, green and blue), and the decoder then reads past
+// that buffer: twice its size, which on a wide image reaches memory that is
+// not there. The decoders refuse such chunks, in scan lines, in tiles and in
+// a multi-part file, as damaged pixel data; the header is sound. The same
+// bytes stored as an uncompressed chunk (as large as its pixels) are never
+// decoded as DWA and decode as before.
+TEST(FuzzFindings, DwaColourSetsRepeatingAChannelAreRefused)
+{
+    const Bytes scanLines = reproducer("dwa-colour-set-one-channel.exr");
+    Bytes stored = scanLines;
+    const std::size_t chunk = offsetTableEnd(stored);
+    const std::uint32_t pixelBytes = 8 * 32 * 2;  // the 8 x 32 half channel R
+    stored.resize(chunk + 8 + pixelBytes);
+    for (int i = 0; i < 4; ++i) stored[chunk + 4 + i] = static_cast<char>(pixelBytes >> (8 * i) & 0xFF);
+
+    const struct {
+        const char* name;
+        Bytes file;
+        int decoded;
+    } cases[] = {
+        {"scan lines", scanLines, 14},
+        {"tiles", reproducer("dwa-colour-set-one-channel-tiled.exr"), 14},
+        {"first of two parts", reproducer("dwa-colour-set-one-channel-multipart.exr"), 14},
+        {"stored uncompressed", stored, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(loadHeader(c.file), 1);
+        for (int depth : {8, 16, 32}) EXPECT_EQ(decode(depth, c.file), c.decoded);
+    }
+}
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
 #elif defined(__has_feature)
@@ -122,7 +157,8 @@ constexpr bool kSanitized = false;
 // since their quarantine makes the resident size meaningless.
 TEST(FuzzFindings, DamagedFilesLeaveTheResidentSizeFlat)
 {
-    std::vector<Bytes> damaged{reproducer("dwa-counters-misaligned.exr")};
+    std::vector<Bytes> damaged{reproducer("dwa-counters-misaligned.exr"), reproducer("dwa-colour-set-one-channel.exr"),
+                               reproducer("dwa-colour-set-one-channel-tiled.exr")};
     for (const SampleFile& sample : sampleFiles()) {
         const std::size_t tables = offsetTableEnd(sample.bytes);
         damaged.push_back(truncated(sample.bytes, tables + (sample.bytes.size() - tables) / 2));
