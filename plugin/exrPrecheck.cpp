@@ -205,7 +205,11 @@ u64 fewestChunks(const Imf::Header& header, u64 width, u64 height)
             chunks = (height + lines - 1) / lines;
         }
     }
-    if (header.hasChunkCount() && header.chunkCount() > 0)
+    // OpenEXR reads a part's chunkCount attribute only when it does not know
+    // the part's type; for every other part both its libraries compute the
+    // table from the header and ignore the attribute. So a stale one (carried
+    // over with the metadata of another file, say) must not refuse the file.
+    if (header.hasChunkCount() && header.chunkCount() > 0 && header.hasType() && !Imf::isSupportedType(header.type()))
         chunks = std::max<u64>(chunks, static_cast<u64>(header.chunkCount()));
     return chunks;
 }
