@@ -2,6 +2,8 @@
 // back gives a record that, written and read once more, comes back the same
 // (the date stamp aside, which is the time of writing). What a host once
 // read is thus carried unchanged through every later write.
+#include <algorithm>
+
 #include "fuzz/exrFuzzing.h"
 #include "image/rgbaBuffer.h"
 
@@ -26,6 +28,21 @@ int roundTrip(ktExrHeaderData& metadata, ktExrHeaderData& back)
 
 bool isDateStamp(const ktExrHeaderEntry& entry) { return std::strcmp(entry.name.text, "KT/dateWritten") == 0; }
 
+// Two entries say the same: name, type, text and values. The characters of a
+// fixed-capacity string past its length say nothing: a slot that a standard
+// attribute's name passed through keeps what that longer name left there.
+template <class Text>
+bool sameText(const Text& a, const Text& b)
+{
+    return a.length == b.length && std::memcmp(a.text, b.text, std::min<std::size_t>(a.length, sizeof a.text)) == 0;
+}
+
+bool sameEntry(const ktExrHeaderEntry& a, const ktExrHeaderEntry& b)
+{
+    return sameText(a.name, b.name) && a.type == b.type && sameText(a.text, b.text) && a.valueCount == b.valueCount &&
+           std::memcmp(a.values, b.values, sizeof a.values) == 0;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -44,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::uint32_t i = 0; i < second->count; ++i) {
         const ktExrHeaderEntry &a = second->entries[i], &b = third->entries[i];
         if (isDateStamp(a) && isDateStamp(b)) continue;
-        kt::fuzz::require(std::memcmp(&a, &b, sizeof a) == 0);
+        kt::fuzz::require(sameEntry(a, b));
     }
     return 0;
 }
