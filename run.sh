@@ -56,7 +56,7 @@ case "${1:-}" in
     # crash stops with the input saved as build/clang/fuzz/crash-<target>-*.
     scripts/build-instrumented-openexr.sh build/openexr-fuzz
     cmake --preset clang -DKT_FUZZ_OPENEXR_DIR="$PWD/build/openexr-fuzz/install" >/dev/null
-    targets=(loadHeader decode encode metadata)
+    targets=(loadHeader decode encode metadata deflate)
     cmake --build --preset clang --target fuzz_seeds "${targets[@]/#/fuzz_}"
     dir=build/clang/fuzz
     "$dir/fuzz_seeds" "$dir/seeds" >/dev/null

@@ -4,7 +4,6 @@
 #include <OpenEXR/ImfVersion.h>
 
 #include <emmintrin.h>
-#include <libdeflate.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "plugin/chunkDeflater.h"
 #include "plugin/exrChunkReader.h"
 
 namespace kt {
@@ -25,11 +25,6 @@ namespace {
 // Lines compressed ahead of the writer for each thread at work: enough to
 // keep them busy, few enough that the memory stays small.
 constexpr int kLinesPerThread = 6;
-
-struct CompressorFree {
-    void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
-};
-using Compressor = std::unique_ptr<libdeflate_compressor, CompressorFree>;
 
 void putInt32(unsigned char* at, std::uint32_t v)
 {
@@ -143,11 +138,9 @@ void predictedBytes(const Imf::Rgba* pixels, std::size_t width, unsigned char* o
 // channel runs as they are when deflating does not make them smaller.
 class LineCompressor {
 public:
-    LineCompressor(int level, int width, const std::function<void(int, Imf::Rgba*)>& row)
-        : deflater(libdeflate_alloc_compressor(level)), row(row), pixels(static_cast<std::size_t>(width)),
-          predicted(pixels.size() * 8)
+    LineCompressor(int width, const std::function<void(int, Imf::Rgba*)>& row)
+        : row(row), pixels(static_cast<std::size_t>(width)), predicted(pixels.size() * 8)
     {
-        if (!deflater) throw std::bad_alloc();
     }
 
     void compress(int y, std::vector<unsigned char>& stored)
@@ -155,8 +148,9 @@ public:
         row(y, pixels.data());
         predictedBytes(pixels.data(), pixels.size(), predicted.data());
         stored.resize(predicted.size());
-        const std::size_t packed = libdeflate_zlib_compress(deflater.get(), predicted.data(), predicted.size(),
-                                                            stored.data(), stored.size() - 1);
+        // Low bytes and high bytes get a Huffman block each.
+        const std::size_t packed = deflater.compress(predicted.data(), predicted.size(), predicted.size() / 2,
+                                                     stored.data(), stored.size() - 1);
         if (packed == 0)
             channelRuns(pixels.data(), pixels.size(), stored.data());
         else
@@ -164,7 +158,7 @@ public:
     }
 
 private:
-    Compressor deflater;
+    ChunkDeflater deflater;
     const std::function<void(int, Imf::Rgba*)>& row;
     std::vector<Imf::Rgba> pixels;
     std::vector<unsigned char> predicted;
@@ -176,8 +170,8 @@ private:
 // compresses a line itself when nobody has taken it yet.
 class LinePipeline {
 public:
-    LinePipeline(int firstY, int lines, int window, int level, int width, const std::function<void(int, Imf::Rgba*)>& row)
-        : firstY(firstY), lines(lines), window(window), level(level), width(width), row(row), slots(static_cast<std::size_t>(window)),
+    LinePipeline(int firstY, int lines, int window, int width, const std::function<void(int, Imf::Rgba*)>& row)
+        : firstY(firstY), lines(lines), window(window), width(width), row(row), slots(static_cast<std::size_t>(window)),
           done(static_cast<std::size_t>(window), 0)
     {
     }
@@ -186,7 +180,7 @@ public:
     void help()
     {
         try {
-            LineCompressor compressor(level, width, row);
+            LineCompressor compressor(width, row);
             for (;;) {
                 int line = 0;
                 {
@@ -224,7 +218,7 @@ public:
         } stopOnExit{*this};
         std::unique_ptr<LineCompressor> own;
         auto compressOwn = [&](int line) {
-            if (!own) own = std::make_unique<LineCompressor>(level, width, row);
+            if (!own) own = std::make_unique<LineCompressor>(width, row);
             own->compress(firstY + line, slots[slot(line)]);
         };
         for (int line = 0; line < lines; ++line) {
@@ -266,7 +260,7 @@ public:
 private:
     std::size_t slot(int line) const { return static_cast<std::size_t>(line % window); }
 
-    const int firstY, lines, window, level, width;
+    const int firstY, lines, window, width;
     const std::function<void(int, Imf::Rgba*)>& row;
     std::vector<std::vector<unsigned char>> slots;
     std::mutex mutex;
@@ -278,7 +272,7 @@ private:
 
 }  // namespace
 
-ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& header, int threads, int level,
+ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& header, int threads,
                                       const std::function<void(int y, Imf::Rgba* pixels)>& row)
 {
     const Imath::Box2i window = header.dataWindow();
@@ -311,7 +305,7 @@ ExrWriteOutcome exrWriteRgbaZipsLines(Imf::OStream& out, const Imf::Header& head
 
     try {
         const int helpers = std::max(threads, 0);
-        LinePipeline pipeline(window.min.y, height, (helpers + 1) * kLinesPerThread, level, width, row);
+        LinePipeline pipeline(window.min.y, height, (helpers + 1) * kLinesPerThread, width, row);
         bool complete = false;
         exrRunBeside(
             helpers, [&pipeline] { pipeline.help(); },

@@ -1,9 +1,9 @@
 // The encoders' quick way to a file: half-float R, G, B, A in scan-line
-// chunks of one line each, deflated by libdeflate on OpenEXR's global thread
-// pool. OpenEXR itself serialises the header, so the file's header bytes are
-// the ones its own output file would write; the chunks hold the same bytes
-// before compression, arranged as OpenEXR arranges them, and decode to the
-// same pixels.
+// chunks of one line each, deflated by the ChunkDeflater on OpenEXR's global
+// thread pool. OpenEXR itself serialises the header, so the file's header
+// bytes are the ones its own output file would write; the chunks hold the
+// same bytes before compression, arranged as OpenEXR arranges them, and
+// decode to the same pixels.
 #pragma once
 
 #include <functional>
@@ -26,11 +26,11 @@ enum class ExrWriteOutcome {
 // window, whose halves `row(y, pixels)` provides (pixels has room for the
 // window's width; `row` is called from several threads at once, for
 // different lines). Finally seeks back to fill in the offset table.
-// `threads` pool tasks help the calling thread; `level` is libdeflate's
-// compression level (1 to 12). Throws nothing itself; exceptions of `out`
-// end the write with the outcome of the phase they came in.
+// `threads` pool tasks help the calling thread. Throws nothing itself;
+// exceptions of `out` end the write with the outcome of the phase they came
+// in.
 ExrWriteOutcome exrWriteRgbaZipsLines(OPENEXR_IMF_NAMESPACE::OStream& out, const OPENEXR_IMF_NAMESPACE::Header& header,
-                                      int threads, int level,
+                                      int threads,
                                       const std::function<void(int y, OPENEXR_IMF_NAMESPACE::Rgba* pixels)>& row);
 
 }  // namespace kt

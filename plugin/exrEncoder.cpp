@@ -103,10 +103,6 @@ struct Depth8 {
     using Channel = unsigned char;
     static constexpr const char* clientAttribute = "KT/clientname";
     static constexpr bool isFloat = false;
-    // Lines of 8-bit values made half repeat so much that libdeflate's cheaper
-    // levels leave the file larger than OpenEXR's zlib does (4: 1.5 %, 5:
-    // 0.7 % on a smooth 4K render); level 6 is the first one that does not.
-    static constexpr int deflateLevel = 6;
 
     static bool empty(const Channel* p) { return (p[0] | p[1] | p[2] | p[3]) == 0; }
     // Whether any of the eight pixels from p on is occupied.
@@ -133,9 +129,6 @@ struct Depth16 {
     using Channel = unsigned short;
     static constexpr const char* clientAttribute = "KT/clientname";
     static constexpr bool isFloat = false;
-    // Noisier lines: level 4 already beats OpenEXR's size by 6 %, and the
-    // higher levels cost time for less (5 and 6 come out larger still).
-    static constexpr int deflateLevel = 4;
 
     static bool empty(const Channel* p) { return (p[0] | p[1] | p[2] | p[3]) == 0; }
     static bool anyOf8(const Channel* p)
@@ -162,7 +155,6 @@ struct DepthF {
     // The float export has always written the client without the "KT/" prefix.
     static constexpr const char* clientAttribute = "clientname";
     static constexpr bool isFloat = true;
-    static constexpr int deflateLevel = 4;  // as for 16 bits
 
     // Compared as floats, so -0.0 counts as empty and NaN as occupied.
     static bool empty(const Channel* p) { return (p[0] == 0.0f) & (p[1] == 0.0f) & (p[2] == 0.0f) & (p[3] == 0.0f); }
@@ -355,12 +347,12 @@ int writeWithOutputFile(GuardedStream& stream, const Imf::Header& header, const 
     return imgStatusOk;
 }
 
-// The same file with the lines deflated by libdeflate on OpenEXR's pool.
+// The same file with the lines deflated by our own deflater on OpenEXR's pool.
 template <class Depth>
 int writeQuickly(GuardedStream& stream, const Imf::Header& header, const typename Depth::Buffer& image,
                  const CropBox& box, int threads)
 {
-    switch (kt::exrWriteRgbaZipsLines(stream, header, threads, Depth::deflateLevel,
+    switch (kt::exrWriteRgbaZipsLines(stream, header, threads,
                                       [&](int y, Imf::Rgba* row) { convertRow<Depth>(image, y, box, row); })) {
     case kt::ExrWriteOutcome::written: return imgStatusOk;
     case kt::ExrWriteOutcome::headerRefused: return imgStatusCannotHandle;
