@@ -12,7 +12,10 @@
 //     benchmark image and on the worst case, a single pixel in the centre,
 //     which makes the search read the whole buffer;
 //   - the heap an encode takes beyond the host's buffers, at three image
-//     heights (it must not grow with the height).
+//     heights (it must not grow with the height);
+//   - with ../shared/corpus present, file sizes on real pictures: each
+//     file's halves through imgEncodef, and the pixels of what it wrote
+//     through RgbaOutputFile again, so both hold the same window.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -22,6 +25,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -344,6 +348,66 @@ void peakHeap(const char* name, Export fn, std::unique_ptr<Buffer> (*make)(int))
     }
 }
 
+// Sizes on real files: what imgEncodef writes against what OpenEXR writes
+// of the same pixels in the same window.
+void corpusSizes(const std::filesystem::path& folder)
+{
+    if (!std::filesystem::is_directory(folder)) return;
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.path().extension() == ".exr" && entry.path().string().find("Damaged") == std::string::npos)
+            files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    std::printf("\nFile sizes on %s, imgEncodef against RgbaOutputFile (ZIPS) with the same pixels:\n",
+                folder.string().c_str());
+    double ours = 0, theirs = 0, worst = 0;
+    for (const auto& path : files) {
+        try {
+            Imf::RgbaInputFile in(path.string().c_str());
+            const Imath::Box2i window = in.dataWindow();
+            const long long w = window.max.x - window.min.x + 1, h = window.max.y - window.min.y + 1;
+            if (w * h > 40'000'000) continue;
+            std::vector<Imf::Rgba> pixels(static_cast<std::size_t>(w * h));
+            in.setFrameBuffer(pixels.data() - window.min.x - window.min.y * w, 1, static_cast<std::size_t>(w));
+            in.readPixels(window.min.y, window.max.y);
+            auto image = makeImage<ktP::_imgRGBABufferf>(static_cast<int>(w), static_cast<int>(h));
+            for (long long i = 0; i < w * h; ++i) {
+                const Imf::Rgba& p = pixels[static_cast<std::size_t>(i)];
+                image->write(static_cast<int>(i % w), static_cast<int>(i / w), float(p.r), float(p.g), float(p.b), float(p.a));
+            }
+            ktP::_imgFileBuffer file(static_cast<unsigned>(w * h * 8 + (1 << 20)));
+            if (encode(imgEncodef, image.get(), file) != 1) continue;
+            const double pluginBytes = static_cast<double>(file.fileSize);
+
+            // OpenEXR's file of the window the plug-in wrote (it crops empty borders).
+            _imgFileBufferStream back(&file);
+            Imf::RgbaInputFile written(back);
+            const Imath::Box2i box = written.dataWindow();
+            const int bw = box.max.x - box.min.x + 1, bh = box.max.y - box.min.y + 1;
+            std::vector<Imf::Rgba> same(std::size_t{static_cast<unsigned>(bw)} * static_cast<unsigned>(bh));
+            written.setFrameBuffer(same.data() - box.min.x - std::ptrdiff_t{box.min.y} * bw, 1, static_cast<std::size_t>(bw));
+            written.readPixels(box.min.y, box.max.y);
+            ktP::_imgFileBuffer reference(file.bufferSize);
+            {
+                _imgFileBufferStreamOut out(&reference);
+                Imf::Header header(written.displayWindow(), box, 1.0f, Imath::V2f(0.0f, 0.0f), 1.0f, Imf::INCREASING_Y,
+                                   Imf::ZIPS_COMPRESSION);
+                Imf::RgbaOutputFile exr(out, header, Imf::WRITE_RGBA, Imf::globalThreadCount());
+                exr.setFrameBuffer(same.data() - box.min.x - std::ptrdiff_t{box.min.y} * bw, 1, static_cast<std::size_t>(bw));
+                exr.writePixels(bh);
+            }
+            const double referenceBytes = static_cast<double>(reference.fileSize);
+            const double ratio = pluginBytes / referenceBytes;
+            std::printf("  %-28s %5d x %-5d %10.0f %10.0f %8.4f\n", path.filename().string().c_str(), bw, bh, pluginBytes,
+                        referenceBytes, ratio);
+            ours += pluginBytes, theirs += referenceBytes, worst = std::max(worst, ratio);
+        } catch (const std::exception&) {
+            // Files OpenEXR's RGBA interface cannot read are not part of the comparison.
+        }
+    }
+    if (theirs > 0) std::printf("  all files: %.4f of OpenEXR's bytes; largest ratio %.4f\n", ours / theirs, worst);
+}
+
 }  // namespace
 
 BENCHMARK_CAPTURE(BM_Plugin, imgEncode8, 0)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
@@ -371,5 +435,6 @@ int main(int argc, char** argv)
     peakHeap<ktP::_imgRGBABuffer8, unsigned char>("imgEncode8", imgEncode8, image8);
     peakHeap<ktP::_imgRGBABuffer16, unsigned short>("imgEncode16", imgEncode16, image16);
     peakHeap<ktP::_imgRGBABufferf, float>("imgEncodef", imgEncodef, imageF);
+    corpusSizes(KT_CORPUS_DIR);
     return 0;
 }
