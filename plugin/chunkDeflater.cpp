@@ -18,10 +18,9 @@ constexpr std::size_t kMaxMatch = 258;
 // candidates with the same next seven bytes; short ones (ramps, charts) from
 // the latest place with the same next three bytes, if it is near enough for
 // the match to cost less than its literals.
-constexpr int kHashBits = 15;
+constexpr int kMaxHashBits = 15;  // the chains' table for lines of 32 KB and more
 constexpr int kHashedBytes = 7;
 constexpr int kChainDepth = 3;
-constexpr int kNearHashBits = 14;
 constexpr int kNearDistance = 64;
 constexpr std::size_t kNiceLength = 32;
 // Positions inside a longer match are not hashed (its last two are): they
@@ -234,10 +233,14 @@ std::size_t ChunkDeflater::compress(const unsigned char* in, std::size_t n, std:
 
     // Positions go into the chains plus a base that moves past every earlier
     // input by more than the window, so entries left from earlier calls count
-    // as too far back and the table never needs clearing.
-    if (head_.empty() || nextBase_ > (std::int64_t(1) << 30)) {
-        head_.assign(std::size_t(1) << kHashBits, 0);
-        nearHead_.assign(std::size_t(1) << kNearHashBits, 0);
+    // as too far back and the tables never need clearing. They are sized for
+    // the longest input so far: small tiles do not pay for a 4K line's.
+    int wanted = 10;
+    while (wanted < kMaxHashBits && (std::size_t(1) << wanted) < n) ++wanted;
+    if (wanted > hashBits_ || nextBase_ > (std::int64_t(1) << 30)) {
+        hashBits_ = std::max(wanted, hashBits_);
+        head_.assign(std::size_t(1) << hashBits_, 0);
+        nearHead_.assign(std::size_t(1) << (hashBits_ - 1), 0);
         nextBase_ = kWindow + 1;
     }
     const std::int64_t base = nextBase_;
@@ -292,16 +295,17 @@ std::size_t ChunkDeflater::findSequences(const unsigned char* in, std::size_t n,
     }
 
     // Hashing reads eight bytes, so the input's last seven are never hashed.
-    auto hashAt = [in](std::size_t at) {
+    const int hashShift = 64 - hashBits_, nearHashShift = 32 - (hashBits_ - 1);
+    auto hashAt = [in, hashShift](std::size_t at) {
         std::uint64_t v;
         std::memcpy(&v, in + at, 8);
         v <<= 64 - 8 * kHashedBytes;
-        return static_cast<std::uint32_t>((v * 0x9E3779B97F4A7C15ull) >> (64 - kHashBits));
+        return static_cast<std::uint32_t>((v * 0x9E3779B97F4A7C15ull) >> hashShift);
     };
-    auto nearHashAt = [in](std::size_t at) {
+    auto nearHashAt = [in, nearHashShift](std::size_t at) {
         std::uint32_t v;
         std::memcpy(&v, in + at, 4);
-        return static_cast<std::uint32_t>(((v << 8) * 0x9E3779B1u) >> (32 - kNearHashBits));
+        return static_cast<std::uint32_t>(((v << 8) * 0x9E3779B1u) >> nearHashShift);
     };
     auto insert = [&](std::size_t at) {
         if (at + 8 > n) return;

@@ -69,6 +69,7 @@ private:
     std::vector<std::int32_t> head_;
     std::vector<std::int32_t> prev_;
     std::vector<std::int32_t> nearHead_;
+    int hashBits_ = 0;  // head_ has 2^hashBits_ entries, nearHead_ half as many
     std::int64_t nextBase_ = 0;
     std::vector<Sequence> sequences_;
     Frequencies frequency_[2];
